@@ -5,14 +5,12 @@
 
 #include <QFile>
 
-PrefsController &PrefsController::sharedPrefsController()
-{
+PrefsController &PrefsController::sharedPrefsController() {
     static PrefsController shared;
     return shared;
 }
 
-QVariantMap PrefsController::defaultResources()
-{
+QVariantMap PrefsController::defaultResources() {
     QFile file(QStringLiteral(":/defaultres.xml"));
     if (!file.open(QIODevice::ReadOnly)) {
         Log::console(QStringLiteral("decode defres: %1").arg(file.errorString()));
@@ -21,38 +19,34 @@ QVariantMap PrefsController::defaultResources()
     QString error;
     const QVariant parsed = PropertyList::fromData(file.readAll(), &error);
     if (parsed.typeId() != QMetaType::QVariantMap) {
-        Log::console(QStringLiteral("decode defres: %1").arg(error.isEmpty() ? QStringLiteral("not a dictionary") : error));
+        Log::console(QStringLiteral("decode defres: %1")
+                         .arg(error.isEmpty() ? QStringLiteral("not a dictionary") : error));
         return {};
     }
     return parsed.toMap();
 }
 
-void PrefsController::loadIfNeeded()
-{
-    if (mLoaded)
-        return;
+void PrefsController::loadIfNeeded() {
+    if (mLoaded) return;
     mResources = defaultResources();
     mGenres = mResources.value(QStringLiteral("genres")).toStringList();
     mLoaded = true;
 }
 
-QVariantMap PrefsController::liveResources()
-{
+QVariantMap PrefsController::liveResources() {
     QMutexLocker lock(&mLock);
     loadIfNeeded();
     return mResources;
 }
 
-void PrefsController::setLiveResources(const QVariantMap &resources)
-{
+void PrefsController::setLiveResources(const QVariantMap &resources) {
     QMutexLocker lock(&mLock);
     mResources = resources;
     mGenres = mResources.value(QStringLiteral("genres")).toStringList();
     mLoaded = true;
 }
 
-QStringList PrefsController::genres()
-{
+QStringList PrefsController::genres() {
     QMutexLocker lock(&mLock);
     loadIfNeeded();
     return mGenres;

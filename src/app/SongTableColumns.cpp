@@ -28,8 +28,7 @@ const Column kColumns[] = {
 };
 } // namespace
 
-const QStringList &identifiers()
-{
+const QStringList &identifiers() {
     static const QStringList ids = [] {
         QStringList list;
         for (const Column &c : kColumns)
@@ -39,23 +38,20 @@ const QStringList &identifiers()
     return ids;
 }
 
-Compare compareForColumn(const QString &identifier)
-{
+Compare compareForColumn(const QString &identifier) {
     for (const Column &c : kColumns) {
-        if (identifier == QLatin1String(c.identifier))
-            return c.compare;
+        if (identifier == QLatin1String(c.identifier)) return c.compare;
     }
     return nullptr;
 }
 
-void sortSongs(QList<SongFilePtr> &songs, const QString &identifier, bool descending)
-{
+void sortSongs(QList<SongFilePtr> &songs, const QString &identifier, bool descending) {
     if (const Compare compare = compareForColumn(identifier)) {
-        std::stable_sort(songs.begin(), songs.end(),
-                         [compare](const SongFilePtr &a, const SongFilePtr &b) { return ((*a).*compare)(*b) < 0; });
+        std::stable_sort(songs.begin(), songs.end(), [compare](const SongFilePtr &a, const SongFilePtr &b) {
+            return ((*a).*compare)(*b) < 0;
+        });
     }
-    if (descending)
-        std::reverse(songs.begin(), songs.end());
+    if (descending) std::reverse(songs.begin(), songs.end());
 }
 
 } // namespace SongTableColumns

@@ -4,8 +4,7 @@
 #include <QDirIterator>
 #include <QFileInfo>
 
-QList<SongFilePtr> SongCollector::collect(const QStringList &paths)
-{
+QList<SongFilePtr> SongCollector::collect(const QStringList &paths) {
     mSongs.clear();
     for (const QString &given : paths) {
         const QFileInfo info(given);
@@ -30,8 +29,7 @@ QList<SongFilePtr> SongCollector::collect(const QStringList &paths)
     return mSongs;
 }
 
-void SongCollector::addFile(const QString &path)
-{
+void SongCollector::addFile(const QString &path) {
     const QFileInfo info(path);
     if (!info.isReadable()) {
         skip(path, QStringLiteral("not readable"));
@@ -57,8 +55,7 @@ void SongCollector::addFile(const QString &path)
     mSongs.append(song);
 }
 
-void SongCollector::skip(const QString &path, const QString &why)
-{
+void SongCollector::skip(const QString &path, const QString &why) {
     ++mSkipped;
     mErrors << "quillwave-cli: skipped " << path << ": " << why << Qt::endl;
 }

@@ -11,7 +11,8 @@
 // content claims as a song. What is skipped, and why, goes to the error stream.
 class SongCollector {
 public:
-    explicit SongCollector(QTextStream &errors) : mErrors(errors) {}
+    explicit SongCollector(QTextStream &errors)
+        : mErrors(errors) {}
 
     QList<SongFilePtr> collect(const QStringList &paths);
     int skippedCount() const { return mSkipped; }

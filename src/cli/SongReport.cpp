@@ -10,10 +10,11 @@
 namespace SongReport {
 
 namespace {
-QJsonValue text(const QString &s) { return s.isNull() ? QJsonValue() : QJsonValue(s); }
+QJsonValue text(const QString &s) {
+    return s.isNull() ? QJsonValue() : QJsonValue(s);
+}
 
-QSize pixelSize(const QByteArray &bytes)
-{
+QSize pixelSize(const QByteArray &bytes) {
     QByteArray copy = bytes;
     QBuffer buffer(&copy);
     buffer.open(QIODevice::ReadOnly);
@@ -21,18 +22,15 @@ QSize pixelSize(const QByteArray &bytes)
     return reader.size();
 }
 
-QString oneLine(QString s, qsizetype max = 60)
-{
+QString oneLine(QString s, qsizetype max = 60) {
     s.replace(QLatin1Char('\r'), QLatin1Char(' ')).replace(QLatin1Char('\n'), QLatin1Char(' '));
     s.replace(QLatin1Char('\t'), QLatin1Char(' '));
-    if (s.size() > max)
-        s = s.left(max - 3) + QStringLiteral("...");
+    if (s.size() > max) s = s.left(max - 3) + QStringLiteral("...");
     return s;
 }
 
 // A short form of a frame's content for the frame list.
-QString frameSummary(const FrameObject &object)
-{
+QString frameSummary(const FrameObject &object) {
     if (const auto *strings = std::get_if<QStringList>(&object))
         return oneLine(strings->join(QStringLiteral(" | ")));
     if (const auto *block = std::get_if<TextBlock>(&object))
@@ -43,18 +41,19 @@ QString frameSummary(const FrameObject &object)
     return QStringLiteral("%1 bytes: %2").arg(raw.size()).arg(QString::fromLatin1(raw.left(16).toHex(' ')));
 }
 
-QString field(const QString &s) { return s.isNull() ? QString() : oneLine(s, 1 << 20); }
+QString field(const QString &s) {
+    return s.isNull() ? QString() : oneLine(s, 1 << 20);
+}
 } // namespace
 
-QJsonObject listRow(SongFile &song)
-{
+QJsonObject listRow(SongFile &song) {
     const std::shared_ptr<AudioInfoTag> tag = song.infotag();
     QJsonObject row;
     row.insert(QStringLiteral("active"), song.activityStatus());
     row.insert(QStringLiteral("path"), song.path());
     if (!tag) {
-        for (const char *key : {"index", "artist", "title", "album", "year", "genre", "track", "version", "bpm",
-                                "formattedDuration"})
+        for (const char *key : {"index", "artist", "title", "album", "year", "genre", "track", "version",
+                                "bpm", "formattedDuration"})
             row.insert(QLatin1String(key), QJsonValue());
         row.insert(QStringLiteral("compilation"), false);
         row.insert(QStringLiteral("lyrics"), false);
@@ -78,9 +77,9 @@ QJsonObject listRow(SongFile &song)
     return row;
 }
 
-void writeListTsv(QTextStream &out, const QList<SongFilePtr> &songs)
-{
-    out << "status\ttitle\tartist\talbum\tyear\tgenres\ttrack\tbpm\tcompilation\tlyrics\tart\tversion\tduration\tfile\n";
+void writeListTsv(QTextStream &out, const QList<SongFilePtr> &songs) {
+    out << "status\ttitle\tartist\talbum\tyear\tgenres\ttrack\tbpm\tcompilation\tlyrics\tart\tversion\tdurati"
+           "on\tfile\n";
     for (const SongFilePtr &song : songs) {
         const QJsonObject r = listRow(*song);
         const auto s = [&r](const char *key) { return field(r.value(QLatin1String(key)).toString()); };
@@ -88,26 +87,26 @@ void writeListTsv(QTextStream &out, const QList<SongFilePtr> &songs)
             << s("album") << '\t' << s("year") << '\t' << s("genre") << '\t' << s("track") << '\t' << s("bpm")
             << '\t' << (r.value(QStringLiteral("compilation")).toBool() ? "yes" : "no") << '\t'
             << (r.value(QStringLiteral("lyrics")).toBool() ? "yes" : "no") << '\t'
-            << r.value(QStringLiteral("art")).toInt() << '\t' << s("version") << '\t' << s("formattedDuration")
-            << '\t' << song->path() << '\n';
+            << r.value(QStringLiteral("art")).toInt() << '\t' << s("version") << '\t'
+            << s("formattedDuration") << '\t' << song->path() << '\n';
     }
 }
 
-QJsonArray listJson(const QList<SongFilePtr> &songs)
-{
+QJsonArray listJson(const QList<SongFilePtr> &songs) {
     QJsonArray rows;
     for (const SongFilePtr &song : songs)
         rows.append(listRow(*song));
     return rows;
 }
 
-QJsonObject showObject(SongFile &song)
-{
+QJsonObject showObject(SongFile &song) {
     const std::shared_ptr<AudioInfoTag> tag = song.infotag();
     QJsonObject o;
     o.insert(QStringLiteral("path"), song.path());
     o.insert(QStringLiteral("activityStatus"), song.activityStatus());
-    const auto put = [&o](const char *key, const QString &value) { o.insert(QLatin1String(key), text(value)); };
+    const auto put = [&o](const char *key, const QString &value) {
+        o.insert(QLatin1String(key), text(value));
+    };
     put("readVersion", tag ? tag->readVersion() : QString());
     put("title", tag ? tag->title() : QString());
     put("artist", tag ? tag->artist() : QString());
@@ -133,8 +132,9 @@ QJsonObject showObject(SongFile &song)
             i.insert(QStringLiteral("bytes"), image.imageData().size());
             i.insert(QStringLiteral("width"), size.isValid() ? QJsonValue(size.width()) : QJsonValue());
             i.insert(QStringLiteral("height"), size.isValid() ? QJsonValue(size.height()) : QJsonValue());
-            i.insert(QStringLiteral("sha1"), QString::fromLatin1(
-                                                 QCryptographicHash::hash(image.imageData(), QCryptographicHash::Sha1).toHex()));
+            i.insert(QStringLiteral("sha1"),
+                     QString::fromLatin1(
+                         QCryptographicHash::hash(image.imageData(), QCryptographicHash::Sha1).toHex()));
             images.append(i);
         }
     }
@@ -142,14 +142,13 @@ QJsonObject showObject(SongFile &song)
     return o;
 }
 
-void writeShowText(QTextStream &out, SongFile &song)
-{
+void writeShowText(QTextStream &out, SongFile &song) {
     const QJsonObject o = showObject(song);
     const std::shared_ptr<AudioInfoTag> tag = song.infotag();
     out << song.path() << '\n';
     const auto line = [&out](const char *label, const QString &value) {
-        out << "  " << QString::fromLatin1(label).leftJustified(14) << (value.isNull() ? QStringLiteral("-") : value)
-            << '\n';
+        out << "  " << QString::fromLatin1(label).leftJustified(14)
+            << (value.isNull() ? QStringLiteral("-") : value) << '\n';
     };
     line("status", QString::number(song.activityStatus()));
     line("version", tag ? tag->readVersion() : QString());
@@ -167,7 +166,8 @@ void writeShowText(QTextStream &out, SongFile &song)
     if (const auto *mp3 = dynamic_cast<const MP3InfoTag *>(tag.get())) {
         out << "  frames:\n";
         for (qsizetype i = 0; i < mp3->frameIDs().size(); ++i)
-            out << "    " << mp3->frameIDs()[i].leftJustified(8) << frameSummary(mp3->frameObjects()[i]) << '\n';
+            out << "    " << mp3->frameIDs()[i].leftJustified(8) << frameSummary(mp3->frameObjects()[i])
+                << '\n';
     }
     const QJsonArray images = o.value(QStringLiteral("images")).toArray();
     out << "  pictures:" << (images.isEmpty() ? " none" : "") << '\n';
@@ -175,11 +175,14 @@ void writeShowText(QTextStream &out, SongFile &song)
     for (qsizetype i = 0; i < images.size(); ++i) {
         const QJsonObject p = images[i].toObject();
         out << "    #" << i << " type " << p.value(QStringLiteral("pictureType")).toInt() << ", "
-            << (pictures[i].mimeFormat().isNull() ? QStringLiteral("unknown format") : pictures[i].mimeFormat())
-            << ", suffix " << (pictures[i].filenameSuffix().isNull() ? QStringLiteral("-") : pictures[i].filenameSuffix())
+            << (pictures[i].mimeFormat().isNull() ? QStringLiteral("unknown format")
+                                                  : pictures[i].mimeFormat())
+            << ", suffix "
+            << (pictures[i].filenameSuffix().isNull() ? QStringLiteral("-") : pictures[i].filenameSuffix())
             << ", " << p.value(QStringLiteral("bytes")).toInt() << " bytes";
         if (p.value(QStringLiteral("width")).isDouble())
-            out << ", " << p.value(QStringLiteral("width")).toInt() << "x" << p.value(QStringLiteral("height")).toInt();
+            out << ", " << p.value(QStringLiteral("width")).toInt() << "x"
+                << p.value(QStringLiteral("height")).toInt();
         if (!pictures[i].pictureDescription().isEmpty())
             out << ", \"" << pictures[i].pictureDescription() << '"';
         out << '\n';

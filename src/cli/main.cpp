@@ -31,16 +31,13 @@ struct Options {
     bool quiet = false;
 };
 
-int usage(QTextStream &err, const QString &problem = {})
-{
-    if (!problem.isEmpty())
-        err << "quillwave-cli: " << problem << '\n';
+int usage(QTextStream &err, const QString &problem = {}) {
+    if (!problem.isEmpty()) err << "quillwave-cli: " << problem << '\n';
     err << kUsage << SongTableColumns::identifiers().join(QStringLiteral(", ")) << Qt::endl;
     return 2;
 }
 
-bool parse(const QStringList &args, Options &o, QString &problem)
-{
+bool parse(const QStringList &args, Options &o, QString &problem) {
     if (args.size() < 2) {
         problem = QStringLiteral("a command is needed");
         return false;
@@ -57,11 +54,9 @@ bool parse(const QStringList &args, Options &o, QString &problem)
             return true;
         };
         if (a == QLatin1String("--sort")) {
-            if (!value(o.sort))
-                return false;
+            if (!value(o.sort)) return false;
         } else if (a == QLatin1String("--format")) {
-            if (!value(o.format))
-                return false;
+            if (!value(o.format)) return false;
         } else if (a == QLatin1String("--reverse")) {
             o.reverse = true;
         } else if (a == QLatin1String("--quiet")) {
@@ -79,18 +74,17 @@ bool parse(const QStringList &args, Options &o, QString &problem)
     return true;
 }
 
-int runList(const Options &o, QTextStream &out, QTextStream &err)
-{
+int runList(const Options &o, QTextStream &out, QTextStream &err) {
     const QString format = o.format.isEmpty() ? QStringLiteral("tsv") : o.format;
     if (format != QLatin1String("tsv") && format != QLatin1String("json"))
         return usage(err, QStringLiteral("unknown format %1").arg(format));
     if (!o.sort.isEmpty() && !SongTableColumns::compareForColumn(o.sort))
         return usage(err, QStringLiteral("unknown sort column %1").arg(o.sort));
-    const QStringList paths = o.paths.isEmpty() ? QStringList{QDir::homePath() + QStringLiteral("/Music")} : o.paths;
+    const QStringList paths =
+        o.paths.isEmpty() ? QStringList{QDir::homePath() + QStringLiteral("/Music")} : o.paths;
     SongCollector collector(err);
     QList<SongFilePtr> songs = collector.collect(paths);
-    if (!o.sort.isEmpty() || o.reverse)
-        SongTableColumns::sortSongs(songs, o.sort, o.reverse);
+    if (!o.sort.isEmpty() || o.reverse) SongTableColumns::sortSongs(songs, o.sort, o.reverse);
     if (format == QLatin1String("json"))
         out << QJsonDocument(SongReport::listJson(songs)).toJson(QJsonDocument::Indented);
     else
@@ -98,13 +92,11 @@ int runList(const Options &o, QTextStream &out, QTextStream &err)
     return 0;
 }
 
-int runShow(const Options &o, QTextStream &out, QTextStream &err)
-{
+int runShow(const Options &o, QTextStream &out, QTextStream &err) {
     const QString format = o.format.isEmpty() ? QStringLiteral("text") : o.format;
     if (format != QLatin1String("text") && format != QLatin1String("json"))
         return usage(err, QStringLiteral("unknown format %1").arg(format));
-    if (o.paths.isEmpty())
-        return usage(err, QStringLiteral("show needs at least one file"));
+    if (o.paths.isEmpty()) return usage(err, QStringLiteral("show needs at least one file"));
     QJsonArray shown;
     int failures = 0;
     for (const QString &path : o.paths) {
@@ -123,28 +115,23 @@ int runShow(const Options &o, QTextStream &out, QTextStream &err)
         else
             SongReport::writeShowText(out, *song);
     }
-    if (format == QLatin1String("json"))
-        out << QJsonDocument(shown).toJson(QJsonDocument::Indented);
+    if (format == QLatin1String("json")) out << QJsonDocument(shown).toJson(QJsonDocument::Indented);
     return failures ? 1 : 0;
 }
 
 } // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("Quillwave"));
     QTextStream out(stdout);
     QTextStream err(stderr);
     Options options;
     QString problem;
-    if (!parse(QCoreApplication::arguments(), options, problem))
-        return usage(err, problem);
+    if (!parse(QCoreApplication::arguments(), options, problem)) return usage(err, problem);
     Log::setConsoleEnabled(!options.quiet);
-    if (options.command == QLatin1String("list"))
-        return runList(options, out, err);
-    if (options.command == QLatin1String("show"))
-        return runShow(options, out, err);
+    if (options.command == QLatin1String("list")) return runList(options, out, err);
+    if (options.command == QLatin1String("show")) return runShow(options, out, err);
     if (options.command == QLatin1String("help") || options.command == QLatin1String("--help")) {
         usage(out);
         return 0;

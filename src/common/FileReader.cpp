@@ -5,14 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-FileReader::FileReader(const QString &path)
-{
+FileReader::FileReader(const QString &path) {
     const QByteArray native = path.toLocal8Bit();
     do {
         mFd = ::open(native.constData(), O_RDONLY | O_CLOEXEC);
     } while (mFd < 0 && errno == EINTR);
-    if (mFd < 0)
-        return;
+    if (mFd < 0) return;
     struct stat st;
     if (::fstat(mFd, &st) != 0 || S_ISDIR(st.st_mode)) {
         ::close(mFd);
@@ -22,26 +20,19 @@ FileReader::FileReader(const QString &path)
     mSize = st.st_size;
 }
 
-FileReader::~FileReader()
-{
-    if (mFd >= 0)
-        ::close(mFd);
+FileReader::~FileReader() {
+    if (mFd >= 0) ::close(mFd);
 }
 
-QByteArray FileReader::readAt(std::int64_t offset, std::int64_t length) const
-{
-    if (mFd < 0 || offset < 0 || length <= 0 || offset >= mSize)
-        return {};
-    if (length > mSize - offset)
-        length = mSize - offset;
+QByteArray FileReader::readAt(std::int64_t offset, std::int64_t length) const {
+    if (mFd < 0 || offset < 0 || length <= 0 || offset >= mSize) return {};
+    if (length > mSize - offset) length = mSize - offset;
     QByteArray data(qsizetype(length), Qt::Uninitialized);
     std::int64_t done = 0;
     while (done < length) {
         const ssize_t n = ::pread(mFd, data.data() + done, size_t(length - done), off_t(offset + done));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
         done += n;
     }
     data.truncate(qsizetype(done));

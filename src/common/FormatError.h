@@ -7,5 +7,6 @@
 // into an absent tag (reading) or a false result with an error text (writing).
 class FormatError : public std::runtime_error {
 public:
-    explicit FormatError(const std::string &what) : std::runtime_error(what) {}
+    explicit FormatError(const std::string &what)
+        : std::runtime_error(what) {}
 };

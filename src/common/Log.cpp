@@ -3,7 +3,11 @@
 Q_LOGGING_CATEGORY(lcConsole, "quillwave.console", QtInfoMsg)
 
 namespace Log {
-void console(const QString &line) { qCInfo(lcConsole).noquote() << line; }
+void console(const QString &line) {
+    qCInfo(lcConsole).noquote() << line;
+}
 
-void setConsoleEnabled(bool enabled) { const_cast<QLoggingCategory &>(lcConsole()).setEnabled(QtInfoMsg, enabled); }
+void setConsoleEnabled(bool enabled) {
+    const_cast<QLoggingCategory &>(lcConsole()).setEnabled(QtInfoMsg, enabled);
+}
 } // namespace Log

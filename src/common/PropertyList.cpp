@@ -11,8 +11,7 @@
 namespace {
 
 // Property-list dates count seconds from 2001-01-01 00:00 UTC.
-const QDateTime &referenceDate()
-{
+const QDateTime &referenceDate() {
     static const QDateTime ref(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC);
     return ref;
 }
@@ -22,10 +21,8 @@ struct PlistDeleter {
 };
 using PlistPtr = std::unique_ptr<void, PlistDeleter>;
 
-QVariant toVariant(plist_t node, int depth)
-{
-    if (!node || depth > 512)
-        return {};
+QVariant toVariant(plist_t node, int depth) {
+    if (!node || depth > 512) return {};
     switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
         uint8_t b = 0;
@@ -94,8 +91,7 @@ QVariant toVariant(plist_t node, int depth)
     }
 }
 
-plist_t fromVariant(const QVariant &value)
-{
+plist_t fromVariant(const QVariant &value) {
     switch (value.typeId()) {
     case QMetaType::Bool:
         return plist_new_bool(value.toBool());
@@ -138,26 +134,22 @@ plist_t fromVariant(const QVariant &value)
 
 namespace PropertyList {
 
-QVariant fromData(const QByteArray &data, QString *error)
-{
+QVariant fromData(const QByteArray &data, QString *error) {
     if (data.isEmpty()) {
-        if (error)
-            *error = QStringLiteral("empty property list");
+        if (error) *error = QStringLiteral("empty property list");
         return {};
     }
     plist_t root = nullptr;
     plist_from_memory(data.constData(), uint32_t(data.size()), &root);
     PlistPtr guard(root);
     if (!root) {
-        if (error)
-            *error = QStringLiteral("not a property list");
+        if (error) *error = QStringLiteral("not a property list");
         return {};
     }
     return toVariant(root, 0);
 }
 
-QByteArray toXml(const QVariant &value)
-{
+QByteArray toXml(const QVariant &value) {
     PlistPtr root(fromVariant(value));
     char *xml = nullptr;
     uint32_t len = 0;
@@ -167,8 +159,7 @@ QByteArray toXml(const QVariant &value)
     return out;
 }
 
-QByteArray toBinary(const QVariant &value)
-{
+QByteArray toBinary(const QVariant &value) {
     PlistPtr root(fromVariant(value));
     char *bin = nullptr;
     uint32_t len = 0;

@@ -13,7 +13,9 @@ public:
     ID3Image() = default;
     ID3Image(const QByteArray &data, const QString &mimeType);
 
-    static ID3Image imageWithData(const QByteArray &data, const QString &mimeType) { return {data, mimeType}; }
+    static ID3Image imageWithData(const QByteArray &data, const QString &mimeType) {
+        return {data, mimeType};
+    }
     // From the content of an ID3v2.3/2.4 APIC frame or an ID3v2.2 PIC frame (header excluded);
     // nothing when the content is too short.
     static std::optional<ID3Image> imageWithID3v23Frame(const QByteArray &content);

@@ -94,8 +94,10 @@ public:
     // available in, the bytes consumed out.
     static quint32 getSynchSafeIntIn(const QByteArray &data, qsizetype offset);
     static QString id3v1StringIn(const QByteArray &data, qsizetype offset, qsizetype maxLength);
-    static QString id3v22StringIn(const QByteArray &data, qsizetype offset, int encoding, qsizetype maxLength);
-    static QString id3v23StringIn(const QByteArray &data, qsizetype offset, int encoding, qsizetype *maxLength);
+    static QString id3v22StringIn(const QByteArray &data, qsizetype offset, int encoding,
+                                  qsizetype maxLength);
+    static QString id3v23StringIn(const QByteArray &data, qsizetype offset, int encoding,
+                                  qsizetype *maxLength);
     static QStringList id3v23StringsIn(const QByteArray &data, qsizetype location, qsizetype length);
     static std::optional<TextBlock> textBlockIn(const QByteArray &data, qsizetype location, qsizetype length);
 

@@ -104,9 +104,15 @@ public:
     static QString expandedGenres(const QString &text);
 
     static bool shouldDiscardMalformedInfo() { return sDiscardMalformed.load(std::memory_order_relaxed); }
-    static bool shouldDiscardUnrecognizedInfo() { return sDiscardUnrecognized.load(std::memory_order_relaxed); }
-    static void setShouldDiscardMalformedInfo(bool on) { sDiscardMalformed.store(on, std::memory_order_relaxed); }
-    static void setShouldDiscardUnrecognizedInfo(bool on) { sDiscardUnrecognized.store(on, std::memory_order_relaxed); }
+    static bool shouldDiscardUnrecognizedInfo() {
+        return sDiscardUnrecognized.load(std::memory_order_relaxed);
+    }
+    static void setShouldDiscardMalformedInfo(bool on) {
+        sDiscardMalformed.store(on, std::memory_order_relaxed);
+    }
+    static void setShouldDiscardUnrecognizedInfo(bool on) {
+        sDiscardUnrecognized.store(on, std::memory_order_relaxed);
+    }
 
     // Archiving of the playlist position and the modified flag.
     void encodeWithCoder(QDataStream &out) const;

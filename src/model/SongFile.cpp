@@ -17,21 +17,18 @@ struct FileStat {
 };
 
 // Attributes following symbolic links, as the song's identity needs them.
-FileStat statPath(const QString &path)
-{
+FileStat statPath(const QString &path) {
     FileStat result;
     struct stat st;
-    if (path.isEmpty() || ::stat(path.toLocal8Bit().constData(), &st) != 0)
-        return result;
+    if (path.isEmpty() || ::stat(path.toLocal8Bit().constData(), &st) != 0) return result;
     result.ok = true;
     result.size = st.st_size;
-    result.modified = QDateTime::fromMSecsSinceEpoch(qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000,
-                                                     Qt::UTC);
+    result.modified = QDateTime::fromMSecsSinceEpoch(
+        qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000, Qt::UTC);
     return result;
 }
 
-QString lowerSuffix(const QString &path)
-{
+QString lowerSuffix(const QString &path) {
     const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
     const qsizetype dot = path.lastIndexOf(QLatin1Char('.'));
     return dot > slash ? path.mid(dot + 1).toLower() : QString();
@@ -40,20 +37,16 @@ QString lowerSuffix(const QString &path)
 
 SongFile::SongFile() = default;
 
-std::shared_ptr<SongFile> SongFile::songWithPath(const QString &path)
-{
+std::shared_ptr<SongFile> SongFile::songWithPath(const QString &path) {
     auto song = std::make_shared<SongFile>();
-    if (!song->initWithPath(path))
-        return nullptr;
+    if (!song->initWithPath(path)) return nullptr;
     return song;
 }
 
-bool SongFile::initWithPath(const QString &path)
-{
+bool SongFile::initWithPath(const QString &path) {
     const FileStat st = statPath(path);
     // Files under 255 bytes are not songs.
-    if (!st.ok || !st.modified.isValid() || st.size < 255)
-        return false;
+    if (!st.ok || !st.modified.isValid() || st.size < 255) return false;
     mPath = path;
     mModDate = st.modified;
     mIsWritableFile = ::access(path.toLocal8Bit().constData(), W_OK) == 0;
@@ -61,11 +54,9 @@ bool SongFile::initWithPath(const QString &path)
     return true;
 }
 
-std::shared_ptr<SongFile> SongFile::copy() const
-{
+std::shared_ptr<SongFile> SongFile::copy() const {
     std::shared_ptr<SongFile> song = songWithPath(mPath);
-    if (!song)
-        return nullptr;
+    if (!song) return nullptr;
     song->mStatus = mStatus;
     song->miTunesDBID = miTunesDBID;
     song->mPersistentID = mPersistentID;
@@ -74,165 +65,135 @@ std::shared_ptr<SongFile> SongFile::copy() const
     return song;
 }
 
-std::shared_ptr<SongFile> SongFile::songWithPath(const QString &path, const QList<std::shared_ptr<SongFile>> &songs)
-{
-    if (path.isNull())
-        return nullptr;
+std::shared_ptr<SongFile> SongFile::songWithPath(const QString &path,
+                                                 const QList<std::shared_ptr<SongFile>> &songs) {
+    if (path.isNull()) return nullptr;
     for (qsizetype i = songs.size() - 1; i >= 0; --i) {
-        if (songs[i] && songs[i]->mPath == path)
-            return songs[i];
+        if (songs[i] && songs[i]->mPath == path) return songs[i];
     }
     return nullptr;
 }
 
-QString SongFile::description() const
-{
+QString SongFile::description() const {
     return QStringLiteral("<SongFile %1: %2>")
         .arg(QStringLiteral("0x%1").arg(quintptr(this), 0, 16), filename());
 }
 
-void SongFile::setPath(const QString &path)
-{
-    if (path == mPath)
-        return;
+void SongFile::setPath(const QString &path) {
+    if (path == mPath) return;
     mPath = path;
     mAlias.reset();
 }
 
-QString SongFile::filename() const
-{
+QString SongFile::filename() const {
     const qsizetype slash = mPath.lastIndexOf(QLatin1Char('/'));
     return slash < 0 ? mPath : mPath.mid(slash + 1);
 }
 
-void SongFile::setPlayList(const QString &playlist, int index)
-{
+void SongFile::setPlayList(const QString &playlist, int index) {
     mPlaylist = playlist;
     mPlaylistIndex = index;
-    if (mInfotag)
-        mInfotag->setPlayList(playlist, index);
+    if (mInfotag) mInfotag->setPlayList(playlist, index);
 }
 
-std::shared_ptr<AudioInfoTag> SongFile::infotag()
-{
+std::shared_ptr<AudioInfoTag> SongFile::infotag() {
     if (!mInfotag) {
         mInfotag = AudioInfoTag::tagWithPath(mPath);
-        if (mInfotag && !mPlaylist.isNull())
-            mInfotag->setPlayList(mPlaylist, mPlaylistIndex);
+        if (mInfotag && !mPlaylist.isNull()) mInfotag->setPlayList(mPlaylist, mPlaylistIndex);
         setDefaultActivityStatus();
         gatheriTunesArtwork();
     }
     return mInfotag;
 }
 
-void SongFile::createLazyInfoTagFromDictionary(const QVariantMap &trackInfo, const QString &path)
-{
+void SongFile::createLazyInfoTagFromDictionary(const QVariantMap &trackInfo, const QString &path) {
     mInfotag = AudioInfoTag::tagWithiTunesTrackInfo(trackInfo, path);
     setDefaultActivityStatus();
 }
 
-void SongFile::ensureInfotagIsReal()
-{
-    if (mInfotag && mInfotag->isLazy())
-        mInfotag.reset();
+void SongFile::ensureInfotagIsReal() {
+    if (mInfotag && mInfotag->isLazy()) mInfotag.reset();
 }
 
-void SongFile::setDefaultActivityStatus()
-{
+void SongFile::setDefaultActivityStatus() {
     if (mInfotag && mInfotag->encounteredProblemDecoding())
         mStatus = StatusProblem;
     else
         mStatus = mIsWritableFile ? StatusIdle : StatusReadOnly;
 }
 
-void SongFile::adoptCurrentModificationDate()
-{
+void SongFile::adoptCurrentModificationDate() {
     const FileStat st = statPath(mPath);
-    if (st.ok)
-        mModDate = st.modified;
+    if (st.ok) mModDate = st.modified;
 }
 
-bool SongFile::refresh()
-{
+bool SongFile::refresh() {
     updatePathFromAlias();
-    if (mPath.isNull())
-        return false;
+    if (mPath.isNull()) return false;
     const FileStat st = statPath(mPath);
     if (!st.ok || !st.modified.isValid()) {
         mStatus = StatusProblem;
         return false;
     }
-    if (mModDate.isValid() && mModDate == st.modified)
-        return false;
+    if (mModDate.isValid() && mModDate == st.modified) return false;
     mModDate = st.modified;
     uncacheInfotag();
     mHasiTunesArtwork = -1;
     return true;
 }
 
-void SongFile::setAliasFromPath()
-{
-    if (!mAlias)
-        mAlias = mPath;
+void SongFile::setAliasFromPath() {
+    if (!mAlias) mAlias = mPath;
 }
 
-void SongFile::updatePathFromAlias()
-{
-    if (!mAlias)
-        return;
+void SongFile::updatePathFromAlias() {
+    if (!mAlias) return;
     // Without aliases the remembered path is the identity: a file gone from it is lost.
     if (!QFileInfo::exists(*mAlias)) {
         mStatus = StatusProblem;
         return;
     }
-    if (*mAlias != mPath)
-        mPath = *mAlias;
+    if (*mAlias != mPath) mPath = *mAlias;
 }
 
-void SongFile::rememberOriginalValuesForLaterRefresh()
-{
+void SongFile::rememberOriginalValuesForLaterRefresh() {
     mOriginalProperties.clear();
-    if (!mInfotag)
-        return;
+    if (!mInfotag) return;
     if (const QString t = mInfotag->title(); !t.isNull())
         mOriginalProperties.insert(QStringLiteral("Title"), t);
     if (const QString a = mInfotag->artist(); !a.isNull())
         mOriginalProperties.insert(QStringLiteral("Artist"), a);
 }
 
-bool SongFile::claimsToBeMP3(const QString &path)
-{
+bool SongFile::claimsToBeMP3(const QString &path) {
     const QString ext = lowerSuffix(path);
     // No type codes on this platform: the name decides.
     return ext == QLatin1String("mp3") || ext == QLatin1String("mp2");
 }
 
-bool SongFile::claimsToBeAAC(const QString &path)
-{
+bool SongFile::claimsToBeAAC(const QString &path) {
     const QString ext = lowerSuffix(path);
     return ext == QLatin1String("m4a") || ext == QLatin1String("m4p");
 }
 
-bool SongFile::claimsToBeOGG(const QString &path) { return lowerSuffix(path) == QLatin1String("ogg"); }
+bool SongFile::claimsToBeOGG(const QString &path) {
+    return lowerSuffix(path) == QLatin1String("ogg");
+}
 
-int SongFile::songDataTypeAtPath(const QString &path)
-{
+int SongFile::songDataTypeAtPath(const QString &path) {
     constexpr qint64 block = 4096;
     FileReader file(path);
-    if (!file.isOpen() || file.size() < block)
-        return TypeUnknown;
+    if (!file.isOpen() || file.size() < block) return TypeUnknown;
     const qint64 length = file.size();
     QByteArray buffer = file.readAt(0, block);
-    if (buffer.size() < block)
-        return TypeUnknown;
+    if (buffer.size() < block) return TypeUnknown;
 
     auto u = [&buffer](qsizetype i) { return static_cast<unsigned char>(buffer[i]); };
     qint64 position = 0;
     if (buffer.startsWith("ID3") && u(3) != 0xFF && u(4) != 0xFF && !(u(6) & 0x80) && !(u(7) & 0x80) &&
         !(u(8) & 0x80) && !(u(9) & 0x80)) {
         const qint64 size = qint64(u(6)) << 21 | qint64(u(7)) << 14 | qint64(u(8)) << 7 | qint64(u(9));
-        if (size > 6)
-            position = (length < size + 10) ? 0 : size + 10;
+        if (size > 6) position = (length < size + 10) ? 0 : size + 10;
     }
 
     int frameHeaders = 0;
@@ -240,8 +201,7 @@ int SongFile::songDataTypeAtPath(const QString &path)
     while (position <= 499999 && position < length - block) {
         if (position != 0) {
             buffer = file.readAt(position, block);
-            if (buffer.size() < block)
-                break;
+            if (buffer.size() < block) break;
         }
         const auto *b = reinterpret_cast<const unsigned char *>(buffer.constData());
         for (qsizetype i = 0; i < block - 4;) {
@@ -262,8 +222,7 @@ int SongFile::songDataTypeAtPath(const QString &path)
         position += block;
         if (frameHeaders >= 30) {
             // Enough headers, and dense enough from the start of the file: MPEG audio.
-            if (float(position) / float(frameHeaders) < 800.0f)
-                return TypeMP3;
+            if (float(position) / float(frameHeaders) < 800.0f) return TypeMP3;
         } else if (frameHeaders < 10 && moov && udta && mdia) {
             return TypeAAC;
         }
@@ -271,94 +230,83 @@ int SongFile::songDataTypeAtPath(const QString &path)
     return TypeUnknown;
 }
 
-int SongFile::compare(long long a, long long b)
-{
-    if (a < b)
-        return 1;
-    if (a > b)
-        return -1;
+int SongFile::compare(long long a, long long b) {
+    if (a < b) return 1;
+    if (a > b) return -1;
     return 0;
 }
 
 namespace {
-template <typename F> auto tagValue(SongFile &song, F f) -> decltype(f(std::declval<AudioInfoTag &>()))
-{
+template <typename F> auto tagValue(SongFile &song, F f) -> decltype(f(std::declval<AudioInfoTag &>())) {
     const std::shared_ptr<AudioInfoTag> tag = song.infotag();
-    if (!tag)
-        return {};
+    if (!tag) return {};
     return f(*tag);
 }
 
 // Missing values sort last; -2 means both are present and the caller compares them.
-int compareNils(const QString &a, const QString &b)
-{
-    if (a.isNull() && b.isNull())
-        return 0;
-    if (b.isNull())
-        return -1;
-    if (a.isNull())
-        return 1;
+int compareNils(const QString &a, const QString &b) {
+    if (a.isNull() && b.isNull()) return 0;
+    if (b.isNull()) return -1;
+    if (a.isNull()) return 1;
     return -2;
 }
 } // namespace
 
-int SongFile::rawCompareText(SongFile &other, Getter getter, bool numeric)
-{
+int SongFile::rawCompareText(SongFile &other, Getter getter, bool numeric) {
     const QString a = tagValue(*this, [getter](AudioInfoTag &t) { return (t.*getter)(); });
     const QString b = tagValue(other, [getter](AudioInfoTag &t) { return (t.*getter)(); });
     const int nils = compareNils(a, b);
-    if (nils != -2)
-        return nils;
+    if (nils != -2) return nils;
     return numeric ? TextValue::compareCaseInsensitiveNumeric(a, b) : TextValue::compareCaseInsensitive(a, b);
 }
 
-int SongFile::rawCompareArtist(SongFile &other) { return rawCompareText(other, &AudioInfoTag::artist, true); }
-int SongFile::rawCompareTitle(SongFile &other) { return rawCompareText(other, &AudioInfoTag::title, true); }
-int SongFile::rawCompareAlbum(SongFile &other) { return rawCompareText(other, &AudioInfoTag::album, true); }
-int SongFile::rawCompareGenre(SongFile &other) { return rawCompareText(other, &AudioInfoTag::genres, true); }
-int SongFile::rawCompareReadVersion(SongFile &other)
-{
+int SongFile::rawCompareArtist(SongFile &other) {
+    return rawCompareText(other, &AudioInfoTag::artist, true);
+}
+int SongFile::rawCompareTitle(SongFile &other) {
+    return rawCompareText(other, &AudioInfoTag::title, true);
+}
+int SongFile::rawCompareAlbum(SongFile &other) {
+    return rawCompareText(other, &AudioInfoTag::album, true);
+}
+int SongFile::rawCompareGenre(SongFile &other) {
+    return rawCompareText(other, &AudioInfoTag::genres, true);
+}
+int SongFile::rawCompareReadVersion(SongFile &other) {
     return rawCompareText(other, &AudioInfoTag::readVersion, false);
 }
 
-int SongFile::rawCompareTrack(SongFile &other)
-{
+int SongFile::rawCompareTrack(SongFile &other) {
     const QString a = tagValue(*this, [](AudioInfoTag &t) { return t.track(); });
     const QString b = tagValue(other, [](AudioInfoTag &t) { return t.track(); });
     const int nils = compareNils(a, b);
-    if (nils != -2)
-        return nils;
+    if (nils != -2) return nils;
     const int na = tagValue(*this, [](AudioInfoTag &t) { return t.trackNumber(); });
     const int nb = tagValue(other, [](AudioInfoTag &t) { return t.trackNumber(); });
     return compare(nb, na);
 }
 
-int SongFile::rawCompareYear(SongFile &other)
-{
+int SongFile::rawCompareYear(SongFile &other) {
     const QString a = tagValue(*this, [](AudioInfoTag &t) { return t.year(); });
     const QString b = tagValue(other, [](AudioInfoTag &t) { return t.year(); });
     const int nils = compareNils(a, b);
-    if (nils != -2)
-        return nils;
+    if (nils != -2) return nils;
     return compare(TextValue::intValue(b), TextValue::intValue(a));
 }
 
-int SongFile::rawCompareBPM(SongFile &other)
-{
+int SongFile::rawCompareBPM(SongFile &other) {
     const int a = TextValue::intValue(tagValue(*this, [](AudioInfoTag &t) { return t.bpm(); }));
     const int b = TextValue::intValue(tagValue(other, [](AudioInfoTag &t) { return t.bpm(); }));
     return compare(b, a);
 }
 
-int SongFile::rawCompareIndex(SongFile &other)
-{
+int SongFile::rawCompareIndex(SongFile &other) {
     const int a = tagValue(*this, [](AudioInfoTag &t) { return t.playlistIndex(); });
     const int b = tagValue(other, [](AudioInfoTag &t) { return t.playlistIndex(); });
     return compare(b, a);
 }
 
-int SongFile::rawCompareDuration(SongFile &other)
-{
+int SongFile::rawCompareDuration(SongFile &other) {
     const auto ms = [](SongFile &s) {
         const std::shared_ptr<AudioInfoTag> tag = s.infotag();
         return tag ? (long long)(tag->duration() * 1000.0) : (long long)-1000;
@@ -366,8 +314,7 @@ int SongFile::rawCompareDuration(SongFile &other)
     return compare(ms(*this), ms(other)); // longer songs first
 }
 
-int SongFile::rawCompareLyrics(SongFile &other)
-{
+int SongFile::rawCompareLyrics(SongFile &other) {
     const auto has = [](SongFile &s) {
         const std::shared_ptr<AudioInfoTag> tag = s.infotag();
         return tag && !tag->lyrics().isEmpty();
@@ -375,8 +322,7 @@ int SongFile::rawCompareLyrics(SongFile &other)
     return compare(has(*this), has(other));
 }
 
-int SongFile::rawCompareArt(SongFile &other)
-{
+int SongFile::rawCompareArt(SongFile &other) {
     const auto count = [](SongFile &s) {
         const std::shared_ptr<AudioInfoTag> tag = s.infotag();
         return tag ? tag->numberOfImages() : 0;
@@ -384,8 +330,7 @@ int SongFile::rawCompareArt(SongFile &other)
     return compare(count(*this), count(other));
 }
 
-int SongFile::rawCompareIsCompilation(SongFile &other)
-{
+int SongFile::rawCompareIsCompilation(SongFile &other) {
     const auto comp = [](SongFile &s) {
         const std::shared_ptr<AudioInfoTag> tag = s.infotag();
         return tag && tag->isPartOfCompilation();
@@ -393,87 +338,79 @@ int SongFile::rawCompareIsCompilation(SongFile &other)
     return compare(comp(*this), comp(other));
 }
 
-int SongFile::rawCompareActivity(SongFile &other) { return compare(mStatus, other.mStatus); }
+int SongFile::rawCompareActivity(SongFile &other) {
+    return compare(mStatus, other.mStatus);
+}
 
 namespace {
 using Raw = int (SongFile::*)(SongFile &);
-int chain(SongFile &a, SongFile &b, std::initializer_list<Raw> steps)
-{
+int chain(SongFile &a, SongFile &b, std::initializer_list<Raw> steps) {
     for (Raw step : steps) {
         const int r = (a.*step)(b);
-        if (r != 0)
-            return r;
+        if (r != 0) return r;
     }
     return 0;
 }
 } // namespace
 
-int SongFile::compareArtist(SongFile &o)
-{
-    return chain(*this, o, {&SongFile::rawCompareArtist, &SongFile::rawCompareAlbum, &SongFile::rawCompareTrack});
+int SongFile::compareArtist(SongFile &o) {
+    return chain(*this, o,
+                 {&SongFile::rawCompareArtist, &SongFile::rawCompareAlbum, &SongFile::rawCompareTrack});
 }
-int SongFile::compareTitle(SongFile &o)
-{
-    return chain(*this, o, {&SongFile::rawCompareTitle, &SongFile::rawCompareArtist, &SongFile::rawCompareAlbum});
+int SongFile::compareTitle(SongFile &o) {
+    return chain(*this, o,
+                 {&SongFile::rawCompareTitle, &SongFile::rawCompareArtist, &SongFile::rawCompareAlbum});
 }
-int SongFile::compareAlbum(SongFile &o)
-{
+int SongFile::compareAlbum(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareAlbum, &SongFile::rawCompareTrack, &SongFile::rawCompareTitle,
                   &SongFile::rawCompareArtist});
 }
-int SongFile::compareTrack(SongFile &o)
-{
+int SongFile::compareTrack(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareTrack, &SongFile::rawCompareAlbum, &SongFile::rawCompareTitle,
                   &SongFile::rawCompareArtist});
 }
-int SongFile::compareYear(SongFile &o)
-{
+int SongFile::compareYear(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareYear, &SongFile::rawCompareAlbum, &SongFile::rawCompareArtist,
                   &SongFile::rawCompareTrack});
 }
-int SongFile::compareGenre(SongFile &o)
-{
-    return chain(*this, o, {&SongFile::rawCompareGenre, &SongFile::rawCompareAlbum, &SongFile::rawCompareArtist});
+int SongFile::compareGenre(SongFile &o) {
+    return chain(*this, o,
+                 {&SongFile::rawCompareGenre, &SongFile::rawCompareAlbum, &SongFile::rawCompareArtist});
 }
-int SongFile::compareReadVersion(SongFile &o)
-{
+int SongFile::compareReadVersion(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareReadVersion, &SongFile::rawCompareAlbum, &SongFile::rawCompareArtist});
 }
-int SongFile::compareArt(SongFile &o)
-{
+int SongFile::compareArt(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareArt, &SongFile::rawCompareArtist, &SongFile::rawCompareAlbum,
                   &SongFile::rawCompareTrack});
 }
-int SongFile::compareBPM(SongFile &o)
-{
+int SongFile::compareBPM(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareBPM, &SongFile::rawCompareTitle, &SongFile::rawCompareArtist,
                   &SongFile::rawCompareAlbum});
 }
-int SongFile::compareDuration(SongFile &o)
-{
+int SongFile::compareDuration(SongFile &o) {
     return chain(*this, o,
                  {&SongFile::rawCompareDuration, &SongFile::rawCompareTitle, &SongFile::rawCompareArtist,
                   &SongFile::rawCompareAlbum});
 }
-int SongFile::compareIndex(SongFile &o)
-{
+int SongFile::compareIndex(SongFile &o) {
     const int r = rawCompareIndex(o);
     return r != 0 ? r : compareTitle(o);
 }
-int SongFile::compareCompilation(SongFile &o)
-{
+int SongFile::compareCompilation(SongFile &o) {
     const int r = rawCompareIsCompilation(o);
     return r != 0 ? r : compareAlbum(o);
 }
-int SongFile::compareLyrics(SongFile &o)
-{
+int SongFile::compareLyrics(SongFile &o) {
     const int r = rawCompareLyrics(o);
     return r != 0 ? r : compareAlbum(o);
 }
-int SongFile::compareActivity(SongFile &o) { return rawCompareActivity(o); }
+int SongFile::compareActivity(SongFile &o) {
+    return rawCompareActivity(o);
+}

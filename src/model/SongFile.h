@@ -14,7 +14,13 @@
 // its activity status. Songs are shared between the lists that hold them.
 class SongFile {
 public:
-    enum ActivityStatus { StatusIdle = 0, StatusQueued = 1, StatusProcessing = 2, StatusReadOnly = 3, StatusProblem = 4 };
+    enum ActivityStatus {
+        StatusIdle = 0,
+        StatusQueued = 1,
+        StatusProcessing = 2,
+        StatusReadOnly = 3,
+        StatusProblem = 4
+    };
     enum DataType { TypeUnknown = 0, TypeMP3 = 1, TypeAAC = 2 };
     static constexpr int NSNotFound = AudioInfoTag::NSNotFound;
 
@@ -23,7 +29,8 @@ public:
     static std::shared_ptr<SongFile> songWithPath(const QString &path);
     // A fresh song on the same path with the source's status and iTunes identity; no tag.
     std::shared_ptr<SongFile> copy() const;
-    static std::shared_ptr<SongFile> songWithPath(const QString &path, const QList<std::shared_ptr<SongFile>> &songs);
+    static std::shared_ptr<SongFile> songWithPath(const QString &path,
+                                                  const QList<std::shared_ptr<SongFile>> &songs);
     QString description() const;
 
     QString path() const { return mPath; }

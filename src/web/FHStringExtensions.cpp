@@ -9,16 +9,14 @@
 #include <cmath>
 #include <memory>
 
-QString stringWithoutWords(const QString &text, const QStringList &words)
-{
+QString stringWithoutWords(const QString &text, const QStringList &words) {
     QString s = QLatin1Char(' ') + text + QLatin1Char(' ');
     for (const QString &word : words) {
         const QString needle = QLatin1Char(' ') + word + QLatin1Char(' ');
         qsizetype from = 0;
         for (;;) {
             const qsizetype at = s.indexOf(needle, from, Qt::CaseInsensitive);
-            if (at < 0)
-                break;
+            if (at < 0) break;
             s.replace(at, needle.size(), QLatin1Char(' '));
             from = at + 1;
         }
@@ -27,11 +25,9 @@ QString stringWithoutWords(const QString &text, const QStringList &words)
 }
 
 namespace {
-bool isPlainASCII(const QString &text)
-{
+bool isPlainASCII(const QString &text) {
     for (QChar c : text) {
-        if (c.unicode() >= 0x80)
-            return false;
+        if (c.unicode() >= 0x80) return false;
     }
     return true;
 }
@@ -42,25 +38,21 @@ struct Transliterator {
     bool tried = false;
 };
 
-Transliterator &sharedTransliterator()
-{
+Transliterator &sharedTransliterator() {
     static Transliterator t;
     return t;
 }
 } // namespace
 
-QString plainASCIIString(const QString &text)
-{
-    if (isPlainASCII(text))
-        return text;
+QString plainASCIIString(const QString &text) {
+    if (isPlainASCII(text)) return text;
     Transliterator &t = sharedTransliterator();
     QMutexLocker lock(&t.lock);
     if (!t.tried) {
         t.tried = true;
         UErrorCode status = U_ZERO_ERROR;
         t.impl.reset(icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, status));
-        if (U_FAILURE(status))
-            t.impl.reset();
+        if (U_FAILURE(status)) t.impl.reset();
     }
     QString out;
     if (t.impl) {
@@ -72,29 +64,23 @@ QString plainASCIIString(const QString &text)
     }
     // What has no ASCII form is replaced, as a lossy conversion does.
     for (QChar &c : out) {
-        if (c.unicode() >= 0x80)
-            c = QLatin1Char('?');
+        if (c.unicode() >= 0x80) c = QLatin1Char('?');
     }
     return out;
 }
 
-QImage imageIconNoLargerThan(const QByteArray &imageData, double maxWidth, double maxHeight)
-{
+QImage imageIconNoLargerThan(const QByteArray &imageData, double maxWidth, double maxHeight) {
     QImage source;
     if (!source.loadFromData(imageData) || source.width() < 1 || source.height() < 1) {
         source = QImage(QStringLiteral(":/images/unreadable_art.png"));
-        if (source.isNull())
-            return {};
+        if (source.isNull()) return {};
     }
     const double scale = std::min(maxWidth / source.width(), maxHeight / source.height());
     int w = int(std::lround(source.width() * scale));
     int h = int(std::lround(source.height() * scale));
-    if (w % 2)
-        --w;
-    if (h % 2)
-        --h;
-    if (w < 1 || h < 1)
-        return {};
+    if (w % 2) --w;
+    if (h % 2) --h;
+    if (w < 1 || h < 1) return {};
     QImage icon(w, h, QImage::Format_ARGB32_Premultiplied);
     icon.fill(Qt::transparent);
     QPainter painter(&icon);

@@ -13,22 +13,19 @@ struct Simplifiers {
     QReadWriteLock lock;
     QList<QPair<QString, QString>> ordered; // by decreasing key length
 };
-Simplifiers &simplifiers()
-{
+Simplifiers &simplifiers() {
     static Simplifiers s;
     return s;
 }
 } // namespace
 
-const QStringList &minorWords()
-{
+const QStringList &minorWords() {
     static const QStringList words = {QStringLiteral("a"),  QStringLiteral("an"),  QStringLiteral("and"),
                                       QStringLiteral("of"), QStringLiteral("the"), QStringLiteral("is")};
     return words;
 }
 
-void setSimplifiersDictionary(const QVariantMap &dictionary)
-{
+void setSimplifiersDictionary(const QVariantMap &dictionary) {
     QList<QPair<QString, QString>> remaining;
     for (auto it = dictionary.cbegin(); it != dictionary.cend(); ++it)
         remaining.append({it.key(), it.value().toString()});
@@ -37,8 +34,7 @@ void setSimplifiersDictionary(const QVariantMap &dictionary)
     while (!remaining.isEmpty()) {
         qsizetype best = 0;
         for (qsizetype i = 1; i < remaining.size(); ++i) {
-            if (remaining[i].first.size() > remaining[best].first.size())
-                best = i;
+            if (remaining[i].first.size() > remaining[best].first.size()) best = i;
         }
         ordered.append(remaining.takeAt(best));
     }
@@ -47,18 +43,15 @@ void setSimplifiersDictionary(const QVariantMap &dictionary)
     s.ordered = ordered;
 }
 
-QString simplifyString(const QString &text)
-{
-    if (text.isEmpty())
-        return text;
+QString simplifyString(const QString &text) {
+    if (text.isEmpty()) return text;
     QString s = plainASCIIString(stringWithoutWords(text, minorWords()));
     QString padded = QLatin1Char(' ') + s + QLatin1Char(' ');
     {
         Simplifiers &simp = simplifiers();
         QReadLocker lock(&simp.lock);
         for (const auto &[key, value] : simp.ordered) {
-            if (!key.isEmpty())
-                padded.replace(key, value, Qt::CaseInsensitive);
+            if (!key.isEmpty()) padded.replace(key, value, Qt::CaseInsensitive);
         }
     }
     QString kept;
@@ -73,17 +66,13 @@ QString simplifyString(const QString &text)
     return kept.isEmpty() ? s : kept;
 }
 
-bool isString(const QString &a, const QString &b)
-{
-    if (a.isNull() || b.isNull())
-        return false;
+bool isString(const QString &a, const QString &b) {
+    if (a.isNull() || b.isNull()) return false;
     return simplifyString(a) == simplifyString(b);
 }
 
-bool doesString(const QString &text, const QString &part)
-{
-    if (text.isNull() || part.isNull())
-        return false;
+bool doesString(const QString &text, const QString &part) {
+    if (text.isNull() || part.isNull()) return false;
     return text.contains(part, Qt::CaseInsensitive);
 }
 
