@@ -41,13 +41,19 @@ QString frameSummary(const FrameObject &object) {
     return QStringLiteral("%1 bytes: %2").arg(raw.size()).arg(QString::fromLatin1(raw.left(16).toHex(' ')));
 }
 
+// The tag the collector loaded. Asking the song again would retry an unreadable file and
+// reset its status, which the collector has set to the problem status.
+std::shared_ptr<AudioInfoTag> loadedTag(SongFile &song) {
+    return song.hasInfotagCached() ? song.infotag() : nullptr;
+}
+
 QString field(const QString &s) {
     return s.isNull() ? QString() : oneLine(s, 1 << 20);
 }
 } // namespace
 
 QJsonObject listRow(SongFile &song) {
-    const std::shared_ptr<AudioInfoTag> tag = song.infotag();
+    const std::shared_ptr<AudioInfoTag> tag = loadedTag(song);
     QJsonObject row;
     row.insert(QStringLiteral("active"), song.activityStatus());
     row.insert(QStringLiteral("path"), song.path());
@@ -100,7 +106,7 @@ QJsonArray listJson(const QList<SongFilePtr> &songs) {
 }
 
 QJsonObject showObject(SongFile &song) {
-    const std::shared_ptr<AudioInfoTag> tag = song.infotag();
+    const std::shared_ptr<AudioInfoTag> tag = loadedTag(song);
     QJsonObject o;
     o.insert(QStringLiteral("path"), song.path());
     o.insert(QStringLiteral("activityStatus"), song.activityStatus());
@@ -144,7 +150,7 @@ QJsonObject showObject(SongFile &song) {
 
 void writeShowText(QTextStream &out, SongFile &song) {
     const QJsonObject o = showObject(song);
-    const std::shared_ptr<AudioInfoTag> tag = song.infotag();
+    const std::shared_ptr<AudioInfoTag> tag = loadedTag(song);
     out << song.path() << '\n';
     const auto line = [&out](const char *label, const QString &value) {
         out << "  " << QString::fromLatin1(label).leftJustified(14)
@@ -163,6 +169,8 @@ void writeShowText(QTextStream &out, SongFile &song) {
     line("duration", tag ? tag->formattedDuration() : QString());
     line("bitrate", tag && tag->bitrate() >= 0 ? QString::number(tag->bitrate()) : QString());
     line("samplerate", tag && tag->samplerate() >= 0 ? QString::number(tag->samplerate()) : QString());
+    if (const auto *mp3 = dynamic_cast<const MP3InfoTag *>(tag.get()))
+        line("encoding", mp3->encodingString());
     if (const auto *mp3 = dynamic_cast<const MP3InfoTag *>(tag.get())) {
         out << "  frames:\n";
         for (qsizetype i = 0; i < mp3->frameIDs().size(); ++i)

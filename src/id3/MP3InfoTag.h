@@ -41,6 +41,8 @@ public:
     ~MP3InfoTag() override;
 
     bool initWithPath(const QString &path) override;
+    void gatherFileMetadataFromPath(const QString &path) override;
+    QString encodingString() const { return mEncodingString; }
 
     QString title() const override { return firstStringForFrameID(u"TIT2", u"TT2"); }
     QString artist() const override { return firstStringForFrameID(u"TPE1", u"TP1"); }
@@ -62,6 +64,14 @@ public:
     void setIsPartOfCompilation(bool compilation) override;
 
     QString readVersion() const override { return mReadVersionString; }
+    QString writeVersion() const override;
+    bool modifySongFileAtPath(const QString &path, QString *error) override;
+    // The complete tag bytes, header included.
+    QByteArray dataForID3V23orV24(bool isV24) const;
+    QByteArray dataForID3v22() const;
+    // Frame sizes in version 2.4 tags: synchsafe when on, plain big-endian numbers when off.
+    static void setWriteSynchSafeSizesInV24(bool on);
+    static bool writeSynchSafeSizesInV24();
     void setReadVersion(const QString &version) { mReadVersionString = version; }
     ByteRange id3v1Range() const { return _id3v1Range; }
     ByteRange id3v2Range() const { return _id3v2Range; }
@@ -114,4 +124,5 @@ private:
     QString mReadVersionString;
     ByteRange _id3v1Range;
     ByteRange _id3v2Range;
+    QString mEncodingString;
 };

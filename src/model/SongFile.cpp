@@ -1,7 +1,11 @@
 #include "SongFile.h"
 
 #include "common/FileReader.h"
+#include "common/Log.h"
+#include "common/SafeSave.h"
 #include "common/TextValue.h"
+#include "id3/MP3InfoTag.h"
+#include "itunes/iTunesInterface.h"
 
 #include <QFileInfo>
 
@@ -163,6 +167,60 @@ void SongFile::rememberOriginalValuesForLaterRefresh() {
         mOriginalProperties.insert(QStringLiteral("Title"), t);
     if (const QString a = mInfotag->artist(); !a.isNull())
         mOriginalProperties.insert(QStringLiteral("Artist"), a);
+}
+
+bool SongFile::writeToOriginalPath(QString *error, bool refreshiTunes) {
+    if (mPath.isEmpty()) return true;
+    setAliasFromPath();
+    if (!mInfotag) {
+        mStatus = StatusProblem;
+        return false;
+    }
+    struct stat kept;
+    const bool haveAttributes = ::stat(mPath.toLocal8Bit().constData(), &kept) == 0;
+    if (!mInfotag->modifySongFileAtPath(mPath, error)) {
+        mStatus = StatusProblem;
+        return false;
+    }
+    if (haveAttributes) {
+        // The rewrite made a new file: give it back what the old one had.
+        const QByteArray native = mPath.toLocal8Bit();
+        (void)::chown(native.constData(), kept.st_uid, kept.st_gid);
+        (void)::chmod(native.constData(), kept.st_mode & 07777);
+    }
+    if (refreshiTunes) {
+        const QString known = iTunesInterface::refreshAndGetPathOfSongWithID(miTunesDBID, mPlaylist);
+        if (!known.isEmpty()) {
+            setPath(known);
+        } else {
+            updatePathFromAlias();
+            const QString found = iTunesInterface::refreshAndGetPathOfSongWithTitle(
+                mOriginalProperties.value(QStringLiteral("Title")).toString(),
+                mOriginalProperties.value(QStringLiteral("Artist")).toString());
+            if (!found.isEmpty() && !QFileInfo::exists(mPath)) setPath(found);
+        }
+    }
+    adoptCurrentModificationDate();
+    return true;
+}
+
+bool SongFile::removeID3v2TagFromFileAtPath(const QString &path) {
+    FileReader file(path);
+    if (!file.isOpen()) return false;
+    if (file.size() <= 10) {
+        Log::console(QStringLiteral("removeID3 file only %1 bytes: %2").arg(file.size()).arg(path));
+        return false;
+    }
+    const QByteArray header = file.readAt(0, 10);
+    // Only version 2.4 tags are taken off; 2.2 and 2.3 stay.
+    if (header.size() < 10 || !header.startsWith("ID3") || header[3] != 4) return false;
+    const std::int64_t tagLength = std::int64_t(MP3InfoTag::getSynchSafeIntIn(header, 6)) + 10;
+    if (file.size() <= tagLength) {
+        Log::console(QStringLiteral("removeID3 invalid tag size: %1").arg(path));
+        return false;
+    }
+    QString error;
+    return SafeSave::replace(path, {}, tagLength, file.size() - tagLength, {}, &error);
 }
 
 bool SongFile::claimsToBeMP3(const QString &path) {

@@ -72,6 +72,12 @@ public:
     bool hasAlias() const { return mAlias.has_value(); }
 
     void rememberOriginalValuesForLaterRefresh();
+    // Writes the loaded tag into the file (safely), keeps the file's owner, group and
+    // permissions, and optionally asks iTunes to re-read the track. True on success; with
+    // nothing to write (no path) true at once.
+    bool writeToOriginalPath(QString *error, bool refreshiTunes);
+    // Removes a leading ID3v2.4 tag; other versions are left alone.
+    static bool removeID3v2TagFromFileAtPath(const QString &path);
     QVariantMap originalProperties() const { return mOriginalProperties; }
 
     static bool claimsToBeMP3(const QString &path);
