@@ -28,13 +28,18 @@ QByteArray FileReader::readAt(std::int64_t offset, std::int64_t length) const {
     if (mFd < 0 || offset < 0 || length <= 0 || offset >= mSize) return {};
     if (length > mSize - offset) length = mSize - offset;
     QByteArray data(qsizetype(length), Qt::Uninitialized);
+    data.truncate(qsizetype(readInto(offset, data.data(), length)));
+    return data;
+}
+
+std::int64_t FileReader::readInto(std::int64_t offset, char *buffer, std::int64_t length) const {
+    if (mFd < 0 || offset < 0 || length <= 0) return 0;
     std::int64_t done = 0;
     while (done < length) {
-        const ssize_t n = ::pread(mFd, data.data() + done, size_t(length - done), off_t(offset + done));
+        const ssize_t n = ::pread(mFd, buffer + done, size_t(length - done), off_t(offset + done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += n;
     }
-    data.truncate(qsizetype(done));
-    return data;
+    return done;
 }

@@ -18,6 +18,8 @@ public:
     std::int64_t size() const { return mSize; }
     // Up to length bytes from offset; fewer at the end of the file, empty on error.
     QByteArray readAt(std::int64_t offset, std::int64_t length) const;
+    // Reads into the caller's buffer; gives the number of bytes read (fewer at the end of the file).
+    std::int64_t readInto(std::int64_t offset, char *buffer, std::int64_t length) const;
 
 private:
     int mFd = -1;

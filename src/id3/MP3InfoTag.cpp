@@ -131,7 +131,7 @@ void MP3InfoTag::readFile(const QString &path) {
         throw FormatError("file too small");
     }
     // Most tags without pictures fit in the first read.
-    constexpr std::int64_t firstRead = 16384;
+    constexpr std::int64_t firstRead = 4096;
     QByteArray head = file.readAt(0, std::min(firstRead, fileSize));
     bool hasID3v2 = head.size() >= 10 && head.startsWith("ID3") && byteAt(head, 3) < 0xFF &&
                     byteAt(head, 4) < 0xFF &&
@@ -140,8 +140,14 @@ void MP3InfoTag::readFile(const QString &path) {
         const std::int64_t size = getSynchSafeIntIn(head, 6);
         if (size > 6 && fileSize >= size + 10) {
             _id3v2Range = {0, size + 10};
-            QByteArray tag =
-                (size + 10 <= head.size()) ? head.left(qsizetype(size + 10)) : file.readAt(0, size + 10);
+            QByteArray tag;
+            if (size + 10 <= head.size()) {
+                tag = head.left(qsizetype(size + 10));
+            } else {
+                // Only what the first read did not bring.
+                tag = std::move(head);
+                tag.append(file.readAt(tag.size(), size + 10 - tag.size()));
+            }
             head.clear();
             getAttributesFromID3v2(tag);
         } else {

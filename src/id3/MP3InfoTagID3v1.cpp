@@ -12,6 +12,18 @@ bool fitsLatin1(const QString &s) {
     return true;
 }
 
+// ISO Latin-1 with one "?" for each character it lacks (a surrogate pair is one character).
+QByteArray latin1Lossy(const QString &s) {
+    QByteArray out;
+    out.reserve(s.size());
+    for (qsizetype i = 0; i < s.size(); ++i) {
+        const char16_t c = s[i].unicode();
+        if (QChar::isHighSurrogate(c) && i + 1 < s.size() && QChar::isLowSurrogate(s[i + 1].unicode())) ++i;
+        out += c <= 0xFF ? char(c) : '?';
+    }
+    return out;
+}
+
 void copyLatin1(QByteArray &tag, qsizetype offset, const QByteArray &bytes, qsizetype maxLength) {
     const qsizetype n = std::min(bytes.size(), maxLength);
     for (qsizetype i = 0; i < n; ++i)
@@ -45,8 +57,8 @@ void MP3InfoTag::getAttributesFromID3v1(const QByteArray &tag) {
     if (!v22 && !mFrameIDs.contains(QStringLiteral("COMM"))) {
         if (const QString comment = take(97, 28, QStringLiteral("COMM")); !comment.isNull()) {
             // Kept as a raw COMM frame so that a rewrite carries it into the ID3v2 tag.
-            QByteArray raw("\0\0\0eng\0", 8);
-            raw += comment.toLatin1();
+            QByteArray raw("\0\0\0eng\0", 7); // flags, encoding, language, empty descriptor
+            raw += latin1Lossy(comment);
             addObject(raw, QStringLiteral("COMM"));
         }
     }
@@ -76,10 +88,10 @@ QByteArray MP3InfoTag::dataForID3v11() const {
     tag[0] = 'T';
     tag[1] = 'A';
     tag[2] = 'G';
-    copyLatin1(tag, 3, title().toLatin1(), 30);
-    copyLatin1(tag, 33, artist().toLatin1(), 30);
-    copyLatin1(tag, 63, album().toLatin1(), 30);
-    const QByteArray yearBytes = year().toLatin1();
+    copyLatin1(tag, 3, latin1Lossy(title()), 30);
+    copyLatin1(tag, 33, latin1Lossy(artist()), 30);
+    copyLatin1(tag, 63, latin1Lossy(album()), 30);
+    const QByteArray yearBytes = latin1Lossy(year());
     copyLatin1(tag, 93, yearBytes, 4);
     // The year, not the track, decides whether a track number is written.
     if (!yearBytes.isEmpty()) {

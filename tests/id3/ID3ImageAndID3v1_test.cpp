@@ -121,6 +121,8 @@ TEST(ID3v1Writing, TagBytes) {
     EXPECT_EQ(v1[125], 0);
     EXPECT_EQ(v1[126], 3);
     EXPECT_EQ(quint8(v1[127]), 255);
+    tag.setAlbum(QStringLiteral(u"Ω 🎵"));
+    EXPECT_EQ(tag.dataForID3v11().mid(63, 4), QByteArray("? ?\0", 4)) << "one mark per missing character";
     tag.setTrack("300");
     EXPECT_EQ(quint8(tag.dataForID3v11()[126]), 300 % 256) << "one byte wraps";
 }

@@ -319,7 +319,7 @@ TEST(Reader, ID3v1Tags) {
     EXPECT_EQ(r.tag->track(), "7");
     EXPECT_EQ(r.tag->genres(), "Rock");
     EXPECT_EQ(std::get<QByteArray>(*r.tag->firstObjectForFrameID(u"COMM")),
-              QByteArray("\0\0\0eng\0", 8) + "A comment");
+              QByteArray("\0\0\0eng\0", 7) + "A comment");
     EXPECT_EQ(r.tag->id3v1Range().length, 128);
 
     r = readTag({}, id3v1Tag("T", "A", "B", "0999", 0, 255));
