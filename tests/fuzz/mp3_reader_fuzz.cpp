@@ -51,6 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             (void)tag.canWriteID3v11WithoutLoss();
             (void)tag.dataForID3v11();
+            // Whatever the reader made must also turn back into tag bytes.
+            (void)tag.writeVersion();
+            (void)tag.dataForID3V23orV24(discard);
+            (void)tag.dataForID3v22();
         }
     }
     (void)SongFile::songDataTypeAtPath(scratchPath());
