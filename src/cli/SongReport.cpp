@@ -1,6 +1,7 @@
 #include "SongReport.h"
 
 #include "id3/MP3InfoTag.h"
+#include "mp4/AACInfoTag.h"
 
 #include <QBuffer>
 #include <QCryptographicHash>
@@ -194,6 +195,11 @@ void writeShowText(QTextStream &out, SongFile &song) {
         if (!pictures[i].pictureDescription().isEmpty())
             out << ", \"" << pictures[i].pictureDescription() << '"';
         out << '\n';
+    }
+    if (dynamic_cast<const AACInfoTag *>(tag.get())) {
+        out << "  atoms:\n";
+        for (const QString &l : AACInfoTag::atomTreeDescription(song.path()).split(QLatin1Char('\n')))
+            out << "    " << l << '\n';
     }
     const QString lyrics = tag ? tag->lyrics() : QString();
     if (!lyrics.isEmpty()) {

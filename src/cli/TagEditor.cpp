@@ -69,7 +69,12 @@ QString apply(SongFile &song, const TagEdits &edits, QString *error) {
         tag->addImage(picture);
 
     const QString version = tag->writeVersion();
-    if (!song.writeToOriginalPath(error, false)) return {};
+    if (!song.writeToOriginalPath(error, false)) {
+        if (error->isEmpty())
+            *error = QStringLiteral(
+                "the file could not be written (not writable, or it has no item list to hold tags)");
+        return {};
+    }
     return version;
 }
 

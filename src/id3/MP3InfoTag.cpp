@@ -549,7 +549,7 @@ QList<ID3Image> MP3InfoTag::images() const {
 }
 
 int MP3InfoTag::numberOfImages() const {
-    const int base = AudioInfoTag::numberOfImages();
+    const int base = lazyOriTunesImageCount();
     if (base != 0) return base;
     return int(mFrameIDs.count(ImageFrameID));
 }

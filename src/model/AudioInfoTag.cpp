@@ -6,6 +6,7 @@
 #include "common/TextValue.h"
 #include "id3/MP3InfoTag.h"
 #include "model/SongFile.h"
+#include "mp4/AACInfoTag.h"
 #include "web/FHStringExtensions.h"
 #include "web/FHUtility.h"
 
@@ -31,7 +32,8 @@ std::shared_ptr<AudioInfoTag> makeTag(TagKind kind) {
     switch (kind) {
     case TagKind::MP3:
         return std::make_shared<MP3InfoTag>();
-    case TagKind::AAC: // no MP4 metadata reader in this build yet
+    case TagKind::AAC:
+        return std::make_shared<AACInfoTag>();
     case TagKind::None:
         break;
     }
@@ -111,6 +113,11 @@ QList<ID3Image> AudioInfoTag::images() const {
 }
 
 int AudioInfoTag::numberOfImages() const {
+    if (mLazy) return mLazyNumberOfImages;
+    return int(images().size());
+}
+
+int AudioInfoTag::lazyOriTunesImageCount() const {
     if (mLazy) return mLazyNumberOfImages;
     return int(miTunesArtworks.size());
 }

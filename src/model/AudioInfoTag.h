@@ -125,6 +125,8 @@ protected:
     // The pictures taken from iTunes' artwork cache; subclasses move them into their own list.
     QList<ID3Image> takeiTunesArtworks();
     bool hasiTunesArtworks() const { return mHasiTunesArtworks; }
+    // The count a lazy tag was given, or else the number of pictures taken from iTunes.
+    int lazyOriTunesImageCount() const;
 
     bool tagModified = false;
 
