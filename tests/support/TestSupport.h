@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -47,8 +48,28 @@ QByteArray mpegAudio(int frames = 64);
 
 bool haveTool(const QString &program);
 // Runs a program; gives its exit code (-1 when it could not start) and standard output.
-int run(const QString &program, const QStringList &args, QByteArray *output = nullptr, QByteArray *errors = nullptr);
+int run(const QString &program, const QStringList &args, QByteArray *output = nullptr,
+        QByteArray *errors = nullptr);
 // Debian's Python (with its mutagen module), not whatever python3 comes first on PATH.
 QString systemPython();
+
+// The folder of a tool-made fixture set, kind "mp3" or "mp4" (tests/tools/make_KIND_fixtures.py,
+// with its manifest.json). CTest makes the sets once per run below the folder QW_FIXTURES names;
+// when that holds no manifest.json for the kind, the set is made into a temporary folder once per
+// process. Tests only read it: whatever writes works on copies. Empty, with the reason in
+// *problem, when it cannot be made.
+QString toolFixtureDir(const QString &kind, QString *problem);
+QString mp3FixtureDir(QString *problem);
+
+// Our reader's rules for pictures, applied to a picture as the mutagen scripts in tests/tools give
+// it ({"data": hex, "encoding", "desc"}). With text encoding 2 (UTF-16BE) a description is only
+// seen when its first byte is non-zero: an empty one ("00 00") leaves one zero byte in front of the
+// picture, and one whose first character is below U+0100 stays in front from its second byte on,
+// with its terminator.
+QByteArray expectedPictureBytes(const QJsonObject &mutagenPicture);
+// In a 2.4 tag, a frame followed by padding where both the synchsafe and the plain reading of its
+// size are plausible is sized by the plain reading, so a picture there carries zero bytes of the
+// padding: whether ours is expected followed by one or more zero bytes and nothing else.
+bool carriesPaddingZeros(const QByteArray &ours, const QByteArray &expected);
 
 } // namespace TestSupport

@@ -2,8 +2,7 @@
 
 #include <gtest/gtest.h>
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     // A core application so that image format plugins and resources are found.
     QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);

@@ -1,0 +1,496 @@
+#!/usr/bin/python3
+"""Makes a small set of AAC .m4a files tagged the way real programs tag them.
+
+usage: /usr/bin/python3 make_mp4_fixtures.py OUTPUT_FOLDER
+
+The audio comes from ffmpeg's own AAC encoder (a few seconds of sine, or a second of noise where a
+high bit rate is wanted), some of it with 'moov' behind 'mdat' (ffmpeg's default) and some with
+-movflags +faststart ('moov' first). The tags come from AtomicParsley (with and without padding,
+optimized and not), mutagen, kid3-cli and ffmpeg itself. Three files are edited here, byte by byte,
+for what no tool at hand writes: one without any 'udta' (no metadata at all), one whose 'esds'
+gives no bit rates and one whose 'esds' sizes its descriptors in one byte each.
+
+A tool that is missing is skipped with a line on standard output, and so is a single fixture whose
+tool fails. OUTPUT_FOLDER/manifest.json lists every fixture made ("fixtures": its file name, the tool
+that tagged it, the audio it started from, what it is there to show) and what was left out
+("skipped": what, why, and "failed": true when the tool is there but did not do its job).
+
+Needs Debian's Python with python3-mutagen (call /usr/bin/python3 explicitly) for the mutagen
+fixtures.
+"""
+
+import json
+import os
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+
+TIMEOUT = 60
+
+
+def untagged(path):
+    """The tagging step of a fixture that keeps the encoder's bare output."""
+
+
+# --- a few atom edits -------------------------------------------------------------------------
+
+def top_level_atoms(data):
+    """(name, offset, size) of each top-level atom."""
+    atoms, pos = [], 0
+    while pos + 8 <= len(data):
+        size, name = struct.unpack(">I4s", data[pos:pos + 8])
+        if size == 1:
+            size = struct.unpack(">Q", data[pos + 8:pos + 16])[0]
+        elif size == 0:
+            size = len(data) - pos
+        if size < 8:
+            raise ValueError("bad atom size at %d" % pos)
+        atoms.append((name, pos, size))
+        pos += size
+    return atoms
+
+
+def without_udta(data):
+    """The file less moov.udta; only for a file whose 'moov' comes after 'mdat', so that no chunk
+    offset moves."""
+    atoms = top_level_atoms(data)
+    names = [a[0] for a in atoms]
+    if names.index(b"moov") < names.index(b"mdat"):
+        raise ValueError("'moov' before 'mdat': chunk offsets would move")
+    _, moov, moov_size = atoms[names.index(b"moov")]
+    pos = moov + 8
+    while pos < moov + moov_size:
+        size, name = struct.unpack(">I4s", data[pos:pos + 8])
+        if name == b"udta":
+            out = bytearray(data[:pos] + data[pos + size:])
+            struct.pack_into(">I", out, moov, moov_size - size)
+            return bytes(out)
+        pos += size
+    raise ValueError("no moov.udta")
+
+
+def descriptor(data, pos):
+    """(tag, start of the body, body size) of an MPEG-4 descriptor, its size in 7-bit groups."""
+    tag, pos, size = data[pos], pos + 1, 0
+    for _ in range(4):
+        b = data[pos]
+        pos += 1
+        size = size << 7 | (b & 0x7F)
+        if not b & 0x80:
+            break
+    return tag, pos, size
+
+
+def esds_bit_rates(data):
+    """Offset of the maximum bit rate in the first 'esds' decoder configuration; the average
+    follows it."""
+    esds = data.find(b"esds")
+    if esds < 0:
+        raise ValueError("no esds")
+    tag, body, _ = descriptor(data, esds + 8)  # past the name, version and flags
+    if tag != 3:
+        raise ValueError("esds starts with descriptor %d" % tag)
+    flags = data[body + 2]
+    pos = body + 3 + (2 if flags & 0x80 else 0)
+    if flags & 0x40:
+        pos += 1 + data[pos]
+    if flags & 0x20:
+        pos += 2
+    tag, config, _ = descriptor(data, pos)
+    if tag != 4:
+        raise ValueError("no decoder configuration in esds")
+    # object type (1), stream type (1), buffer size (3), maximum bit rate (4), average bit rate (4)
+    return config + 5
+
+
+def without_bit_rates(data):
+    """The file with the maximum and average bit rates of the first 'esds' set to 0, as encoders
+    that do not know them write."""
+    out = bytearray(data)
+    struct.pack_into(">II", out, esds_bit_rates(data), 0, 0)
+    return bytes(out)
+
+
+def compact_descriptors(body, tag):
+    """A descriptor's body with every descriptor inside it re-sized in one byte: the ES descriptor
+    (3) holds its 3 fixed bytes (no optional fields) and then descriptors, the decoder
+    configuration (4) its 13 fixed bytes and then descriptors; others hold none."""
+    fixed = {3: 3, 4: 13}.get(tag)
+    if fixed is None:
+        return body
+    if tag == 3 and body[2] & 0xE0:
+        raise ValueError("ES descriptor with optional fields")
+    out, pos = bytearray(body[:fixed]), fixed
+    while pos < len(body):
+        inner, start, size = descriptor(body, pos)
+        inner_body = compact_descriptors(body[start:start + size], inner)
+        if len(inner_body) > 127:
+            raise ValueError("descriptor too long for one size byte")
+        out += bytes([inner, len(inner_body)]) + inner_body
+        pos = start + size
+    return bytes(out)
+
+
+def with_compact_esds(data):
+    """The file with the descriptors of its 'esds' sized in one byte each, as other muxers write
+    them, instead of ffmpeg's four; the atoms around it are resized. Only for a file whose 'moov'
+    comes after 'mdat', so that no chunk offset moves."""
+    atoms = top_level_atoms(data)
+    names = [a[0] for a in atoms]
+    if names.index(b"moov") < names.index(b"mdat"):
+        raise ValueError("'moov' before 'mdat': chunk offsets would move")
+
+    def find(start, end, name):
+        pos = start
+        while pos + 8 <= end:
+            size, kind = struct.unpack(">I4s", data[pos:pos + 8])
+            if kind == name:
+                return pos, size
+            pos += size
+        raise ValueError("no %r" % name)
+
+    _, moov, moov_size = atoms[names.index(b"moov")]
+    chain = [(moov, moov_size)]
+    # where the children start inside each atom on the way down
+    for name, skip in ((b"trak", 8), (b"mdia", 8), (b"minf", 8), (b"stbl", 8), (b"stsd", 8),
+                       (b"mp4a", 16), (b"esds", 36)):
+        parent, parent_size = chain[-1]
+        chain.append(find(parent + skip, parent + parent_size, name))
+    esds, esds_size = chain[-1]
+    tag, start, size = descriptor(data, esds + 12)
+    if tag != 3:
+        raise ValueError("esds starts with descriptor %d" % tag)
+    body = compact_descriptors(data[start:start + size], tag)
+    new_esds = data[esds + 8:esds + 12] + bytes([3, len(body)]) + body
+    delta = len(new_esds) + 8 - esds_size
+    out = bytearray(data[:esds] + struct.pack(">I4s", esds_size + delta, b"esds") + new_esds
+                    + data[esds + esds_size:])
+    for offset, old_size in chain[:-1]:
+        struct.pack_into(">I", out, offset, old_size + delta)
+    return bytes(out)
+
+
+def edit_bytes(edit):
+    def tag(path):
+        with open(path, "rb") as f:
+            data = f.read()
+        with open(path, "wb") as f:
+            f.write(edit(data))
+    return tag
+
+
+class FixtureMaker:
+    def __init__(self, out):
+        self.out = out
+        self.work = tempfile.mkdtemp(prefix="qw-mp4-fixture-work-")
+        self.fixtures = []
+        self.skipped = []
+        self._audio = {}
+        self._pictures = {}
+
+    # --- helpers -------------------------------------------------------------------------
+
+    def run(self, args, env=None):
+        full_env = dict(os.environ)
+        full_env.update({"LC_ALL": "C.UTF-8", "LANG": "C.UTF-8"})
+        full_env.pop("AP_PADDING", None)
+        if env:
+            full_env.update(env)
+        result = subprocess.run(args, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, timeout=TIMEOUT, env=full_env)
+        if result.returncode != 0:
+            raise RuntimeError("%s exited with %d: %s" % (
+                os.fsdecode(args[0]), result.returncode,
+                (result.stderr + result.stdout).decode("utf-8", "replace").strip()[-300:]))
+        return result
+
+    def skip(self, what, why, failed=False):
+        """A fixture left out: a missing tool (failed=False) or a tool that did not do its job."""
+        print("%s %s: %s" % ("FAILED" if failed else "skipped", what, why))
+        self.skipped.append({"what": what, "why": why, "failed": failed})
+
+    def ffmpeg(self, args):
+        self.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y"] + args)
+
+    AUDIO = {
+        # kind: (lavfi source, channels, sample rate, rate options, moov first)
+        "sine44-end": ("sine=frequency=440:duration=3", 2, 44100, ["-b:a", "96k"], False),
+        "sine44-faststart": ("sine=frequency=440:duration=3", 2, 44100, ["-b:a", "96k"], True),
+        # A target the sine does not quite fill: 'esds' gives the target as maximum (128000) and
+        # what was used as average (a little less). A remux with -c copy makes both the average.
+        "sine44-128k-end": ("sine=frequency=440:duration=3", 2, 44100, ["-b:a", "128k"], False),
+        "sine22-mono-end": ("sine=frequency=330:duration=2", 1, 22050, ["-b:a", "48k"], False),
+        "sine48-mono-faststart": ("sine=frequency=550:duration=2", 1, 48000, ["-b:a", "64k"], True),
+        # Noise at the encoder's highest quality: above 320 kbit/s.
+        "noise64k-end": ("anoisesrc=d=1:c=white:a=1:r=64000:seed=7", 2, 64000, ["-q:a", "10"], False),
+        # Above 65535 Hz the rate does not fit the 16-bit field of the 'mp4a' entry: ffmpeg writes 0.
+        "noise96k-faststart": ("anoisesrc=d=1:c=white:a=1:r=96000:seed=7", 2, 96000, ["-q:a", "10"], True),
+    }
+
+    def audio(self, kind):
+        """An AAC .m4a of the given kind without any tag values, made once and copied for each
+        fixture. ffmpeg still writes an empty moov.udta.meta.ilst."""
+        if kind in self._audio:
+            return self._audio[kind]
+        source, channels, rate, options, faststart = self.AUDIO[kind]
+        path = os.path.join(self.work, kind + ".m4a")
+        self.ffmpeg(["-f", "lavfi", "-i", source, "-ac", str(channels), "-ar", str(rate), "-c:a", "aac"]
+                    + options + ["-fflags", "+bitexact", "-map_metadata", "-1"]
+                    + (["-movflags", "+faststart"] if faststart else []) + [path])
+        self._audio[kind] = path
+        return path
+
+    def picture(self, name):
+        """cover.jpg (64x48 red), back.png (32x32 blue) or band.jpg (40x40 green)."""
+        if name in self._pictures:
+            return self._pictures[name]
+        colour, size = {"cover.jpg": ("red", "64x48"), "back.png": ("blue", "32x32"),
+                        "band.jpg": ("green", "40x40")}[name]
+        path = os.path.join(self.work, name)
+        self.ffmpeg(["-f", "lavfi", "-i", "color=%s:s=%s" % (colour, size), "-frames:v", "1", path])
+        self._pictures[name] = path
+        return path
+
+    def picture_bytes(self, name):
+        with open(self.picture(name), "rb") as f:
+            return f.read()
+
+    def make(self, name, tool, audio, about, tag):
+        """Copies the audio to OUT/name, lets tag(path) tag it, and records it."""
+        path = os.path.join(self.out, name)
+        try:
+            source = self.audio(audio)
+            shutil.copyfile(source, path)
+            tag(path)
+            # Some tools print their usage and exit with 0 on an option they do not know.
+            if tag is not untagged and open(path, "rb").read() == open(source, "rb").read():
+                raise RuntimeError("the tool left the file unchanged")
+        except Exception as e:  # one fixture failing must not stop the others
+            if os.path.exists(path):
+                os.remove(path)
+            self.skip(name, str(e), failed=True)
+            return
+        self.fixtures.append({"file": name, "tool": tool, "audio": audio, "about": about})
+
+    def finish(self):
+        manifest = {"fixtures": self.fixtures, "skipped": self.skipped}
+        with open(os.path.join(self.out, "manifest.json"), "w", encoding="utf-8") as f:
+            json.dump(manifest, f, ensure_ascii=False, indent=1)
+        shutil.rmtree(self.work, ignore_errors=True)
+        print("made %d fixtures in %s" % (len(self.fixtures), self.out))
+
+
+LYRICS_EN = "First line of the song\nSecond line, with a comma\n"
+LYRICS_JA = "春の海\nひねもすのたり\nのたりかな"
+# iTunes separates lines with carriage returns.
+LYRICS_EL = "Από το παράθυρό μου\rστέλνω ένα φιλί\r"
+GREEK_TITLE = "Τα παιδιά του Πειραιά"
+GREEK_ARTIST = "Μάνος Χατζιδάκις"
+
+
+# --- AtomicParsley ----------------------------------------------------------------------------
+
+def atomicparsley_fixtures(m):
+    if not shutil.which("AtomicParsley"):
+        m.skip("AtomicParsley fixtures", "AtomicParsley is not installed")
+        return
+
+    def ap(args, padding=None):
+        # AtomicParsley keeps the original unless told --overWrite; AP_PADDING sets its padding.
+        def tag(path):
+            m.run(["AtomicParsley", path] + args + ["--overWrite"],
+                  env={"AP_PADDING": padding} if padding is not None else None)
+        return tag
+
+    m.make("ap_all_fields_optimized.m4a", "AtomicParsley", "sine44-128k-end",
+           "every field; --genre Rock gives gnre 18; a UTC date as year; 3 of 12; JPEG and PNG "
+           "artwork; AtomicParsley moves 'moov' in front of 'mdat'; 'esds' maximum 128000, "
+           "average a little less",
+           ap(["--title", "Every Field", "--artist", "Parsley & Sons", "--album", "Atoms",
+               "--year", "2004-05-01T07:00:00Z", "--genre", "Rock", "--tracknum", "3/12",
+               "--bpm", "120", "--compilation", "true", "--lyrics", LYRICS_EN,
+               "--artwork", m.picture("cover.jpg"), "--artwork", m.picture("back.png")]))
+    m.make("ap_padded_greek.m4a", "AtomicParsley", "sine44-faststart",
+           "moov first with AtomicParsley's default 2048 bytes of padding; Greek text, a genre "
+           "that is no standard name (text in ©gen), plain year, track without total, PNG artwork",
+           ap(["--title", GREEK_TITLE, "--artist", GREEK_ARTIST, "--album", "Ποτέ την Κυριακή",
+               "--year", "1999", "--genre", "Έντεχνο", "--tracknum", "7",
+               "--lyrics", LYRICS_JA, "--artwork", m.picture("back.png")]))
+    m.make("ap_moov_last_emoji.m4a", "AtomicParsley", "sine22-mono-end",
+           "--preventOptimizing keeps 'moov' behind 'mdat'; no padding; emoji title, gnre 8 "
+           "(Hip-Hop), compilation false, JPEG artwork; mono 22050 Hz",
+           ap(["--title", "Party 🎉 Time 🎶", "--artist", "Emoji Crew", "--genre", "Hip-Hop",
+               "--tracknum", "1/1", "--compilation", "false", "--bpm", "90",
+               "--artwork", m.picture("band.jpg"), "--preventOptimizing"], padding="DEFAULT_PAD=0"))
+    m.make("ap_freefree.m4a", "AtomicParsley", "sine48-mono-faststart",
+           "--freefree with no default padding: no 'free' atom anywhere; gnre 33 (Classical), "
+           "Japanese text; mono 48000 Hz",
+           ap(["--freefree", "--title", "春の海", "--artist", "宮城道雄", "--album", "日本の音楽",
+               "--year", "1929", "--genre", "Classical", "--tracknum", "2/3"], padding="DEFAULT_PAD=0"))
+
+
+# --- mutagen ----------------------------------------------------------------------------------
+
+def mutagen_fixtures(m):
+    try:
+        from mutagen.mp4 import MP4Cover, MP4Tags
+        from mutagen.mp4._atom import Atom
+    except ImportError:
+        m.skip("mutagen fixtures", "this Python has no mutagen module")
+        return
+
+    class TagsWithGnre(MP4Tags):
+        """mutagen's tags, able to write the numeric 'gnre' that mutagen itself only reads."""
+
+        def _render(self, key, value):
+            if key == "gnre":
+                return Atom.render(b"gnre", b"".join(
+                    Atom.render(b"data", struct.pack(">IIH", 0, 0, v)) for v in value))
+            return super()._render(key, value)
+
+    def with_mutagen(values, padding=None):
+        def tag(path):
+            tags = TagsWithGnre()
+            for key, value in values().items():
+                tags[key] = value
+            tags.save(path, padding=padding)
+        return tag
+
+    jpeg = lambda: m.picture_bytes("cover.jpg")
+    png = lambda: m.picture_bytes("back.png")
+
+    m.make("mutagen_unicode_two_covers.m4a", "mutagen", "sine44-faststart",
+           "Greek, Japanese and emoji text; track 3 of 0 (no total), tmpo 120, cpil on; a JPEG and "
+           "a PNG cover; lyrics with carriage returns; mutagen's padding after 'ilst'",
+           with_mutagen(lambda: {
+               "\xa9nam": [GREEK_TITLE + " 🎵"], "\xa9ART": ["宮城道雄"], "\xa9alb": ["Émoji 🎉 Album"],
+               "\xa9day": ["1960"], "\xa9gen": ["Soundtrack"], "trkn": [(3, 0)], "tmpo": [120],
+               "cpil": True, "\xa9lyr": [LYRICS_EL],
+               "covr": [MP4Cover(jpeg(), MP4Cover.FORMAT_JPEG), MP4Cover(png(), MP4Cover.FORMAT_PNG)],
+           }))
+    m.make("mutagen_gnre_no_values.m4a", "mutagen", "sine44-end",
+           "numeric gnre 33; track 0 of 12, tmpo 0 and cpil off give nothing; a date as year; "
+           "a PNG cover stored with data type 0 (as old taggers do); no padding",
+           with_mutagen(lambda: {
+               "\xa9nam": ["Zero Values"], "\xa9ART": ["Nobody"], "\xa9day": ["2004-05-01"],
+               "gnre": [33], "trkn": [(0, 12)], "tmpo": [0], "cpil": False,
+               "covr": [MP4Cover(png(), 0)],
+           }, padding=lambda info: 0))
+    m.make("mutagen_gnre_over_text.m4a", "mutagen", "sine22-mono-end",
+           "both gnre 18 and a ©gen text: the number wins; no title; a three-character year",
+           with_mutagen(lambda: {
+               "\xa9ART": ["Two Genres"], "\xa9alb": ["Precedence"], "\xa9day": ["199"],
+               "\xa9gen": ["Synthwave"], "gnre": [18], "trkn": [(5, 9)],
+           }))
+    m.make("mutagen_gnre_zero_reference.m4a", "mutagen", "sine48-mono-faststart",
+           "gnre 0 leaves the ©gen text, which is an ID3-style reference (13); two artists (two "
+           "data atoms); big padding",
+           with_mutagen(lambda: {
+               "\xa9nam": ["Reference"], "\xa9ART": ["First Artist", "Second Artist"],
+               "\xa9gen": ["(13)"], "gnre": [0], "tmpo": [1], "\xa9lyr": ["One line only"],
+           }, padding=lambda info: 4096))
+    m.make("mutagen_above_320.m4a", "mutagen", "noise64k-end",
+           "noise at 64000 Hz: an average bit rate above 320 kbit/s",
+           with_mutagen(lambda: {"\xa9nam": ["Loud Noise"], "\xa9ART": ["White"], "\xa9day": ["2020"]}))
+    m.make("esds_no_bit_rates.m4a", "mutagen + byte edit", "sine44-end",
+           "tagged by mutagen, then the maximum and average bit rates in 'esds' set to 0: the rate "
+           "comes from the size of 'mdat'",
+           lambda path: (with_mutagen(lambda: {"\xa9nam": ["No Rates"], "\xa9alb": ["Rates"]})(path),
+                         edit_bytes(without_bit_rates)(path)))
+    m.make("esds_compact_sizes.m4a", "mutagen + byte edit", "sine44-end",
+           "tagged by mutagen, then the descriptors in 'esds' sized in one byte each (the short "
+           "form other muxers write) instead of ffmpeg's four: the rates sit at other offsets",
+           lambda path: (with_mutagen(lambda: {"\xa9nam": ["Compact Sizes"], "\xa9ART": ["Descriptors"]})(path),
+                         edit_bytes(with_compact_esds)(path)))
+
+
+# --- kid3-cli ---------------------------------------------------------------------------------
+
+def kid3_fixtures(m):
+    if not shutil.which("kid3-cli"):
+        m.skip("kid3-cli fixtures", "kid3-cli is not installed")
+        return
+
+    def kid3(*commands):
+        def tag(path):
+            args = ["kid3-cli"]
+            for c in commands:
+                args += ["-c", c]
+            m.run(args + [path], env={"QT_QPA_PLATFORM": "offscreen", "HOME": m.work})
+        return tag
+
+    m.make("kid3_taglib.m4a", "kid3-cli", "sine44-128k-end",
+           "kid3-cli (TagLib): items in name order, its own padding, genre as ©gen text, "
+           "JPEG cover; 'esds' maximum 128000, average a little less",
+           kid3("set title '東京の夜'", "set artist 'Ärzte'", "set album 'Kid Album'", "set date 2016",
+                "set track 4/11", "set genre Rock", "set lyrics 'Tag line one'", "set bpm 99",
+                "set compilation 1", "set picture:'%s' 'Cover'" % m.picture("cover.jpg")))
+
+
+# --- ffmpeg -----------------------------------------------------------------------------------
+
+def ffmpeg_fixtures(m):
+    def remux(metadata, picture=None, faststart=False):
+        def tag(path):
+            source = path + ".in.m4a"
+            os.rename(path, source)
+            args = ["-i", source]
+            if picture:
+                args += ["-i", m.picture(picture), "-map", "0:a", "-map", "1:v",
+                         "-disposition:v", "attached_pic"]
+            args += ["-c", "copy"]
+            for k, v in metadata:
+                args += ["-metadata", "%s=%s" % (k, v)]
+            if faststart:
+                args += ["-movflags", "+faststart"]
+            try:
+                m.ffmpeg(args + [path])
+            finally:
+                os.remove(source)
+        return tag
+
+    m.make("ffmpeg_bare.m4a", "ffmpeg", "sine44-end",
+           "ffmpeg's output without values: an empty moov.udta.meta.ilst", untagged)
+    m.make("ffmpeg_title_only.m4a", "ffmpeg", "sine22-mono-end",
+           "ffmpeg -metadata title=...; ffmpeg adds ©too", remux([("title", "Only A Title")]))
+    m.make("ffmpeg_metadata_cover.m4a", "ffmpeg", "sine44-end",
+           "ffmpeg -metadata for every field it knows, an attached PNG picture, +faststart",
+           remux([("title", "FF Title"), ("artist", "FF Ärtist"), ("album", "FF Album"),
+                  ("date", "2012-07-04"), ("genre", "Electronic"), ("track", "5/9"),
+                  ("lyrics", LYRICS_EN), ("compilation", "1"), ("tmpo", "128")],
+                 picture="back.png", faststart=True))
+    m.make("ffmpeg_96k.m4a", "ffmpeg", "noise96k-faststart",
+           "96000 Hz: the 'mp4a' entry holds 0 for the rate (only the decoder configuration has "
+           "it); above 320 kbit/s",
+           remux([("title", "Ninety-Six"), ("artist", "High Rate")], faststart=True))
+    m.make("no_udta.m4a", "ffmpeg + byte edit", "sine44-end",
+           "ffmpeg's output with moov.udta taken out: no metadata at all",
+           edit_bytes(without_udta))
+
+
+def main():
+    if len(sys.argv) != 2:
+        print(__doc__.strip(), file=sys.stderr)
+        return 2
+    out = os.path.abspath(sys.argv[1])
+    os.makedirs(out, exist_ok=True)
+    m = FixtureMaker(out)
+    try:
+        if not shutil.which("ffmpeg"):
+            # ffmpeg makes all the audio and the pictures: without it there is nothing to do.
+            m.skip("all fixtures", "ffmpeg is not installed")
+            return 0
+        for group in (atomicparsley_fixtures, mutagen_fixtures, kid3_fixtures, ffmpeg_fixtures):
+            try:
+                group(m)
+            except Exception as e:  # e.g. a picture that could not be made
+                m.skip(group.__name__, str(e), failed=True)
+    finally:
+        m.finish()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
