@@ -65,6 +65,20 @@ void appendLanguage(QByteArray &out, const QString &lang) {
     out += lang.size() == 3 ? lang.toLatin1() : QByteArray(3, '\0');
 }
 
+// A lyrics frame's content: encoding, language, descriptor, its terminator, then the text. Latin-1
+// when both texts fit, else UTF-16 big-endian with byte-order marks under unicodeEncoding.
+QByteArray textBlockBody(const TextBlock &block, char unicodeEncoding) {
+    const QString desc = block.desc.isNull() ? QString() : block.desc;
+    const bool latin1 = fitsLatin1(desc) && fitsLatin1(block.text);
+    QByteArray body;
+    body += latin1 ? char(0) : unicodeEncoding;
+    appendLanguage(body, block.lang.isNull() ? QStringLiteral("eng") : block.lang);
+    body += latin1 ? desc.toLatin1() : bigEndianUnicodeData(desc);
+    body += QByteArray(latin1 ? 1 : 2, '\0');
+    body += latin1 ? block.text.toLatin1() : bigEndianUnicodeData(block.text);
+    return body;
+}
+
 QByteArray header(int version, qsizetype totalLength) {
     QByteArray h("ID3");
     h += char(version);
@@ -122,19 +136,11 @@ QByteArray MP3InfoTag::dataForID3V23orV24(bool isV24) const {
         const FrameObject &object = mFrameObjects[i];
         out += (!isV24 && id == QLatin1String("TDRC")) ? QByteArray("TYER") : id.toLatin1();
         if (const auto *block = std::get_if<TextBlock>(&object)) {
-            const QString lang = block->lang.isNull() ? QStringLiteral("eng") : block->lang;
-            const QString desc = block->desc.isNull() ? QString() : block->desc;
-            const bool latin1 = fitsLatin1(desc) && fitsLatin1(block->text);
             // Encoding 2 with a byte-order mark is what this writer has always produced.
-            const QByteArray descBytes = latin1 ? desc.toLatin1() : bigEndianUnicodeData(desc);
-            const QByteArray textBytes = latin1 ? block->text.toLatin1() : bigEndianUnicodeData(block->text);
-            appendSize(out, quint32(descBytes.size() + textBytes.size() + 5 + (latin1 ? 0 : 1)), synchSafe);
+            const QByteArray body = textBlockBody(*block, 2);
+            appendSize(out, quint32(body.size()), synchSafe);
             out += QByteArray(2, '\0');
-            out += char(latin1 ? 0 : 2);
-            appendLanguage(out, lang);
-            out += descBytes;
-            out += QByteArray(latin1 ? 1 : 2, '\0');
-            out += textBytes;
+            out += body;
         } else if (const auto *strings = std::get_if<QStringList>(&object)) {
             const qsizetype sizeAt = out.size();
             out += QByteArray(6, '\0');
@@ -177,17 +183,9 @@ QByteArray MP3InfoTag::dataForID3v22() const {
         const FrameObject &object = mFrameObjects[i];
         out += id.toLatin1();
         if (const auto *block = std::get_if<TextBlock>(&object)) {
-            const QString lang = block->lang.isNull() ? QStringLiteral("eng") : block->lang;
-            const QString desc = block->desc.isNull() ? QString() : block->desc;
-            const bool latin1 = fitsLatin1(desc) && fitsLatin1(block->text);
-            const QByteArray descBytes = latin1 ? desc.toLatin1() : bigEndianUnicodeData(desc);
-            const QByteArray textBytes = latin1 ? block->text.toLatin1() : bigEndianUnicodeData(block->text);
-            appendSize24(out, quint32(descBytes.size() + textBytes.size() + 5 + (latin1 ? 0 : 1)));
-            out += char(latin1 ? 0 : 1);
-            appendLanguage(out, lang);
-            out += descBytes;
-            out += QByteArray(latin1 ? 1 : 2, '\0');
-            out += textBytes;
+            const QByteArray body = textBlockBody(*block, 1);
+            appendSize24(out, quint32(body.size()));
+            out += body;
         } else if (const auto *strings = std::get_if<QStringList>(&object)) {
             const QString s = strings->isEmpty() ? QString() : strings->first();
             const bool latin1 = fitsLatin1(s);
