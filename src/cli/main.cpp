@@ -1,6 +1,7 @@
 // quillwave-cli: lists song files and shows their tags.
+#include "app/SongCollector.h"
 #include "app/SongTableColumns.h"
-#include "cli/SongCollector.h"
+#include "cache/SongFileInfoCache.h"
 #include "cli/SongReport.h"
 #include "cli/TagEditor.h"
 #include "common/Log.h"
@@ -17,13 +18,15 @@
 namespace {
 
 const char *kUsage = R"(usage:
-  quillwave-cli list [PATH...] [--sort COLUMN] [--reverse] [--format tsv|json] [--quiet]
+  quillwave-cli list [PATH...] [--sort COLUMN] [--reverse] [--format tsv|json] [--no-cache] [--quiet]
   quillwave-cli show FILE... [--format text|json] [--quiet]
   quillwave-cli set FILE... [--title T] [--artist A] [--album B] [--year Y] [--genre G]
                 [--track N[/M]] [--bpm N] [--compilation yes|no] [--lyrics TEXT | --lyrics-file F]
                 [--add-picture IMAGE]... [--remove-pictures] [--synchsafe-v24] [--quiet]
 
-list   walks the folders (default ~/Music) and prints one row per song.
+list   walks the folders (default ~/Music) and prints one row per song. Songs the song info
+       cache knows unchanged are listed from it without opening their files (their tag
+       version then shows as unknown); --no-cache reads every file afresh.
 show   prints every field, the frame list, the pictures and the lyrics of each file.
 set    changes the tags and saves each file in the tag version it had; an empty value
        removes the field. Prints the version written, or why a file was not written.
@@ -39,6 +42,7 @@ struct Options {
     bool reverse = false;
     QString format;
     bool quiet = false;
+    bool noCache = false;
     TagEdits edits;
     bool synchSafeV24 = false;
 };
@@ -114,6 +118,8 @@ bool parse(const QStringList &args, Options &o, QString &problem) {
             o.edits.removePictures = true;
         } else if (a == QLatin1String("--reverse")) {
             o.reverse = true;
+        } else if (a == QLatin1String("--no-cache")) {
+            o.noCache = true;
         } else if (a == QLatin1String("--quiet")) {
             o.quiet = true;
         } else if (a == QLatin1String("--")) {
@@ -137,8 +143,10 @@ int runList(const Options &o, QTextStream &out, QTextStream &err) {
         return usage(err, QStringLiteral("unknown sort column %1").arg(o.sort));
     const QStringList paths =
         o.paths.isEmpty() ? QStringList{QDir::homePath() + QStringLiteral("/Music")} : o.paths;
-    SongCollector collector(err);
+    SongFileInfoCache *cache = o.noCache ? nullptr : &SongFileInfoCache::sharedCache();
+    SongCollector collector(err, cache && cache->isUsable() ? cache : nullptr);
     QList<SongFilePtr> songs = collector.collect(paths);
+    if (cache) cache->detach(); // no event loop here to write behind: save now
     if (!o.sort.isEmpty() || o.reverse) SongTableColumns::sortSongs(songs, o.sort, o.reverse);
     if (format == QLatin1String("json"))
         out << QJsonDocument(SongReport::listJson(songs)).toJson(QJsonDocument::Indented);

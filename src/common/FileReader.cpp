@@ -1,9 +1,18 @@
 #include "FileReader.h"
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+std::atomic<int> sOpened{0};
+}
+
+int FileReader::openedCount() {
+    return sOpened.load(std::memory_order_relaxed);
+}
 
 FileReader::FileReader(const QString &path) {
     const QByteArray native = path.toLocal8Bit();
@@ -18,6 +27,7 @@ FileReader::FileReader(const QString &path) {
         return;
     }
     mSize = st.st_size;
+    sOpened.fetch_add(1, std::memory_order_relaxed);
 }
 
 FileReader::~FileReader() {

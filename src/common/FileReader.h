@@ -15,6 +15,8 @@ public:
     FileReader &operator=(const FileReader &) = delete;
 
     bool isOpen() const { return mFd >= 0; }
+    // How many files have been opened through this class in the process (a figure for tests).
+    static int openedCount();
     std::int64_t size() const { return mSize; }
     // Up to length bytes from offset; fewer at the end of the file, empty on error.
     QByteArray readAt(std::int64_t offset, std::int64_t length) const;

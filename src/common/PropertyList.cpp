@@ -53,7 +53,8 @@ QVariant toVariant(plist_t node, int depth) {
     case PLIST_DATE: {
         int32_t sec = 0, usec = 0;
         plist_get_date_val(node, &sec, &usec);
-        return referenceDate().addMSecs(qint64(sec) * 1000 + usec / 1000);
+        // Binary property lists keep dates as doubles: round to the nearest millisecond.
+        return referenceDate().addMSecs(qint64(sec) * 1000 + (usec + (usec >= 0 ? 500 : -500)) / 1000);
     }
     case PLIST_UID: {
         uint64_t v = 0;

@@ -1,6 +1,7 @@
 #include "AudioInfoTag.h"
 
 #include "app/PrefsController.h"
+#include "cache/CachedInfoTag.h"
 #include "common/FileReader.h"
 #include "common/Log.h"
 #include "common/TextValue.h"
@@ -95,6 +96,14 @@ std::shared_ptr<AudioInfoTag> AudioInfoTag::tagWithiTunesTrackInfo(const QVarian
     if (info.contains(QStringLiteral("Compilation"))) tag->setIsPartOfCompilation(true);
     tag->gatherFileMetadataFromiTunesTrackInfo(info);
     tag->setLazyNumberOfImages(info.value(QStringLiteral("Artwork Count")).toInt());
+    tag->setIsLazy(true);
+    return tag;
+}
+
+std::shared_ptr<AudioInfoTag> AudioInfoTag::tagWithCachedInfo(const QVariantMap &info) {
+    if (info.isEmpty()) return nullptr;
+    auto tag = std::make_shared<CachedInfoTag>();
+    tag->setCachedInfo(info);
     tag->setIsLazy(true);
     return tag;
 }

@@ -36,6 +36,9 @@ public:
     // A lazy tag from an iTunes library track record; the file is not read.
     static std::shared_ptr<AudioInfoTag> tagWithiTunesTrackInfo(const QVariantMap &info, const QString &path);
 
+    // A lazy, read-only tag from a song info record; nothing for an empty record.
+    static std::shared_ptr<AudioInfoTag> tagWithCachedInfo(const QVariantMap &info);
+
     // Reads the file; false means no tag could be made (the factory then gives nothing).
     virtual bool initWithPath(const QString &path);
 
@@ -89,7 +92,7 @@ public:
     QString normalizedArtist() const;
     QString formattedDuration() const;
     bool matchString(const QString &text) const;
-    QImage imageIconNoLargerThan(double maxWidth, double maxHeight);
+    virtual QImage imageIconNoLargerThan(double maxWidth, double maxHeight);
 
     void gatherTagsFromPathname(const QString &path);
     virtual void gatherFileMetadataFromPath(const QString &path);

@@ -1,5 +1,6 @@
 #include "SongFile.h"
 
+#include "cache/SongFileInfoCache.h"
 #include "common/FileReader.h"
 #include "common/Log.h"
 #include "common/SafeSave.h"
@@ -114,6 +115,20 @@ std::shared_ptr<AudioInfoTag> SongFile::infotag() {
 void SongFile::createLazyInfoTagFromDictionary(const QVariantMap &trackInfo, const QString &path) {
     mInfotag = AudioInfoTag::tagWithiTunesTrackInfo(trackInfo, path);
     setDefaultActivityStatus();
+}
+
+void SongFile::createInfotagUsingCachedInfoDict(const QVariantMap &info) {
+    mInfotag = AudioInfoTag::tagWithCachedInfo(info);
+    setDefaultActivityStatus();
+}
+
+bool SongFile::revertToCachedInfotag() {
+    if (mPath.isEmpty()) return false;
+    const QVariantMap info = SongFileInfoCache::sharedCache().infoForSongFileAtPath(mPath);
+    if (info.isEmpty()) return false;
+    uncacheInfotag();
+    createInfotagUsingCachedInfoDict(info);
+    return true;
 }
 
 void SongFile::ensureInfotagIsReal() {

@@ -58,6 +58,9 @@ public:
     bool hasInfotagCached() const { return mInfotag != nullptr; }
     void createLazyInfoTagFromDictionary(const QVariantMap &trackInfo, const QString &path);
     void ensureInfotagIsReal();
+    void createInfotagUsingCachedInfoDict(const QVariantMap &info);
+    // Swaps the tag for one from the song info cache; false when the cache has no valid entry.
+    bool revertToCachedInfotag();
 
     int activityStatus() const { return mStatus; }
     void setActivityStatus(int status) { mStatus = status; }

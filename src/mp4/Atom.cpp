@@ -143,8 +143,15 @@ std::uint64_t Atom::sizeOfAtomIn(const AtomSource &source, std::uint64_t offset,
     const Code code = be32(header, 4);
     if (name) *name = code;
     const std::uint64_t length = source.length();
-    if (size == 1 && offset < length - 8 && header.size() >= 16)
-        return std::uint64_t(be32(header, 8)) << 32 | be32(header, 12);
+    if (size == 1 && offset < length - 8 && header.size() >= 16) {
+        const std::uint64_t extended = std::uint64_t(be32(header, 8)) << 32 | be32(header, 12);
+        // An extended size smaller than its own 16-byte header is as impossible as 2 to 7.
+        if (extended >= 16) return extended;
+        Log::console(QStringLiteral("invalid size %1 for atom '%2' in %3")
+                         .arg(extended)
+                         .arg(stringFromCode(code), source.description()));
+        throw FormatError("bad size atom");
+    }
     if (size >= 8) return size;
     if (size == 0) return length - offset;
     Log::console(QStringLiteral("invalid size %1 for atom '%2' in %3")

@@ -1,5 +1,8 @@
 #include "SongCollector.h"
 
+#include "cache/CachedInfoTag.h"
+#include "cache/SongFileInfoCache.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
@@ -30,24 +33,32 @@ QList<SongFilePtr> SongCollector::collect(const QStringList &paths) {
 }
 
 void SongCollector::addFile(const QString &path) {
-    const QFileInfo info(path);
-    if (!info.isReadable()) {
-        skip(path, QStringLiteral("not readable"));
-        return;
-    }
-    const bool claimed = SongFile::claimsToBeMP3(path) || SongFile::claimsToBeAAC(path) ||
-                         SongFile::songDataTypeAtPath(path) != SongFile::TypeUnknown;
-    if (!claimed) {
-        skip(path, QStringLiteral("not a song file"));
-        return;
+    const QVariantMap cached = mCache ? mCache->infoForSongFileAtPath(path) : QVariantMap();
+    if (cached.isEmpty()) {
+        if (!QFileInfo(path).isReadable()) {
+            skip(path, QStringLiteral("not readable"));
+            return;
+        }
+        const bool claimed = SongFile::claimsToBeMP3(path) || SongFile::claimsToBeAAC(path) ||
+                             SongFile::songDataTypeAtPath(path) != SongFile::TypeUnknown;
+        if (!claimed) {
+            skip(path, QStringLiteral("not a song file"));
+            return;
+        }
     }
     SongFilePtr song = SongFile::songWithPath(path);
     if (!song) {
-        skip(path, info.size() < 255 ? QStringLiteral("too small to be a song (%1 bytes)").arg(info.size())
-                                     : QStringLiteral("cannot be examined"));
+        const qint64 size = QFileInfo(path).size();
+        skip(path, size < 255 ? QStringLiteral("too small to be a song (%1 bytes)").arg(size)
+                              : QStringLiteral("cannot be examined"));
         return;
     }
-    if (!song->infotag()) {
+    if (!cached.isEmpty()) {
+        song->createInfotagUsingCachedInfoDict(cached);
+    } else if (std::shared_ptr<AudioInfoTag> tag = song->infotag()) {
+        // The tag just read stays (it knows its version and problems); its record serves next time.
+        if (mCache) mCache->storeInfo(CachedInfoTag::infoDictForTag(*tag, path), path);
+    } else {
         // A file that claims to be a song but whose tag cannot be read is still listed, as a problem.
         mErrors << "quillwave-cli: " << path << ": no readable tag" << Qt::endl;
         song->setActivityStatus(SongFile::StatusProblem);
