@@ -28,7 +28,7 @@ SongFileInfoCache &SongFileInfoCache::sharedCache() {
                                QStringLiteral("/Quillwave Song Info");
         // One level only: the platform's cache folder itself is expected to be there.
         if (!QFileInfo(folder).isDir() && !QDir().mkdir(folder)) {
-            Log::console(QStringLiteral("song info cache unavailable: cannot create %1").arg(folder));
+            Log::warning(QStringLiteral("song info cache unavailable: cannot create %1").arg(folder));
             return new SongFileInfoCache(QString());
         }
         auto *cache = new SongFileInfoCache(folder);

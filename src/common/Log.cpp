@@ -7,6 +7,8 @@ void console(const QString &line) {
     qCInfo(lcConsole).noquote() << line;
 }
 
+void warning(const QString &line) { qCWarning(lcConsole).noquote() << line; }
+
 void setConsoleEnabled(bool enabled) {
     const_cast<QLoggingCategory &>(lcConsole()).setEnabled(QtInfoMsg, enabled);
 }

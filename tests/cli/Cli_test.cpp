@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QProcess>
 #include <QSet>
 
 #include <gtest/gtest.h>
@@ -305,3 +306,38 @@ TEST_F(Cli, RefusesWhatItCannotDo) {
 }
 
 } // namespace
+
+TEST_F(Cli, ListsKnownSongsFromTheSongInfoCache) {
+    TempDir cacheHome;
+    const auto listWith = [&](const QStringList &extra, const QString &home) {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CACHE_HOME"), home);
+        p.setProcessEnvironment(env);
+        p.start(cliPath(), QStringList{"list", mDir.path(), "--format", "json", "--sort", "title"} + extra);
+        p.waitForFinished(60000);
+        return std::make_pair(QJsonDocument::fromJson(p.readAllStandardOutput()).array(),
+                              QString::fromUtf8(p.readAllStandardError()));
+    };
+    const auto [first, firstErrors] = listWith({}, cacheHome.path());
+    const auto [second, secondErrors] = listWith({}, cacheHome.path());
+    ASSERT_EQ(first.size(), second.size());
+    ASSERT_FALSE(first.isEmpty());
+    for (qsizetype i = 0; i < first.size(); ++i) {
+        QJsonObject a = first[i].toObject(), b = second[i].toObject();
+        if (a.value("active").toInt() == 4) continue; // unreadable tags are not cached
+        EXPECT_TRUE(b.value("version").isNull()) << "listed from the cache: " << b.value("path").toString().toStdString();
+        a.remove("version");
+        b.remove("version");
+        EXPECT_EQ(a, b);
+    }
+    const auto [fresh, freshErrors] = listWith({"--no-cache"}, cacheHome.path());
+    EXPECT_FALSE(fresh.first().toObject().value("version").isNull()) << "--no-cache reads the files";
+
+    // A cache folder that cannot be made: one line says so, and the listing goes on without it.
+    const QString notAFolder = cacheHome.file("plain-file");
+    QFile(notAFolder).open(QIODevice::WriteOnly);
+    const auto [without, withoutErrors] = listWith({"--quiet"}, notAFolder);
+    EXPECT_EQ(without.size(), first.size());
+    EXPECT_EQ(withoutErrors.count("song info cache unavailable"), 1) << withoutErrors.toStdString();
+}
