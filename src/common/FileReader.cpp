@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,6 +45,26 @@ QByteArray FileReader::readAt(std::int64_t offset, std::int64_t length) const {
 
 std::int64_t FileReader::readInto(std::int64_t offset, char *buffer, std::int64_t length) const {
     if (mFd < 0 || offset < 0 || length <= 0) return 0;
+    constexpr std::int64_t small = 64, window = 16384;
+    if (length <= small) {
+        if (mWindowStart < 0 || offset < mWindowStart || offset + length > mWindowStart + mWindow.size()) {
+            mWindow.resize(window);
+            std::int64_t got = 0;
+            while (got < window) {
+                const ssize_t n =
+                    ::pread(mFd, mWindow.data() + got, size_t(window - got), off_t(offset + got));
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0) break;
+                got += n;
+            }
+            mWindow.truncate(qsizetype(got));
+            mWindowStart = offset;
+        }
+        const std::int64_t available = std::min<std::int64_t>(length, mWindowStart + mWindow.size() - offset);
+        if (available <= 0) return 0;
+        std::memcpy(buffer, mWindow.constData() + (offset - mWindowStart), size_t(available));
+        return available;
+    }
     std::int64_t done = 0;
     while (done < length) {
         const ssize_t n = ::pread(mFd, buffer + done, size_t(length - done), off_t(offset + done));

@@ -26,4 +26,7 @@ public:
 private:
     int mFd = -1;
     std::int64_t mSize = 0;
+    // Small reads (atom and frame headers) are served from one read-ahead window.
+    mutable QByteArray mWindow;
+    mutable std::int64_t mWindowStart = -1;
 };

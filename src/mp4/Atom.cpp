@@ -4,6 +4,7 @@
 #include "common/Log.h"
 
 #include <QFile>
+#include <QHash>
 #include <QStringList>
 
 #include <atomic>
@@ -51,7 +52,7 @@ struct SplitPaths {
     std::vector<int> indexes;
 };
 
-SplitPaths splitPaths(const QString &namePath, const QString &indexPath) {
+SplitPaths parsePaths(const QString &namePath, const QString &indexPath) {
     SplitPaths s;
     const QStringList names = namePath.split(QLatin1Char(':'));
     const QStringList indexes =
@@ -61,6 +62,18 @@ SplitPaths splitPaths(const QString &namePath, const QString &indexPath) {
         s.indexes.push_back(i < indexes.size() ? indexes[i].toInt() : 1);
     }
     return s;
+}
+
+// The same few paths are looked up for every file: parse each once per thread.
+const SplitPaths &splitPaths(const QString &namePath, const QString &indexPath) {
+    thread_local QHash<QString, SplitPaths> parsed;
+    const QString key = namePath + QLatin1Char('|') + indexPath;
+    auto it = parsed.constFind(key);
+    if (it == parsed.constEnd()) {
+        if (parsed.size() > 256) parsed.clear();
+        it = parsed.insert(key, parsePaths(namePath, indexPath));
+    }
+    return it.value();
 }
 
 // The container list, read once from the program's resources: packed big-endian codes.
@@ -163,7 +176,7 @@ std::uint64_t Atom::sizeOfAtomIn(const AtomSource &source, std::uint64_t offset,
 std::uint64_t Atom::offsetToAtomIn(const AtomSource &source, const QString &namePath,
                                    const QString &indexPath) {
     if (!source.isValid() || source.length() < 8) return NotFound;
-    const SplitPaths paths = splitPaths(namePath, indexPath);
+    const SplitPaths paths = splitPaths(namePath, indexPath); // a copy: the cache may be trimmed meanwhile
     const std::uint64_t limit = source.length() - 8;
     std::uint64_t offset = 0;
     size_t level = 0;
@@ -377,7 +390,7 @@ bool Atom::resizeSiblingFreeBy(std::int32_t change) {
 }
 
 Atom *Atom::childAtAtomPath(const QString &namePath, bool create, const QString &indexPath) {
-    const SplitPaths paths = splitPaths(namePath, indexPath);
+    const SplitPaths paths = splitPaths(namePath, indexPath); // a copy: the cache may be trimmed meanwhile
     const size_t levels = paths.names.size();
     Atom *current = this;
     Atom *lastExamined = nullptr;
