@@ -1,6 +1,7 @@
 #include "PropertyList.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QTimeZone>
 
 #include <plist/plist.h>
@@ -14,6 +15,17 @@ namespace {
 const QDateTime &referenceDate() {
     static const QDateTime ref(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC);
     return ref;
+}
+
+// Records repeat the same few keys thousands of times: share one string for each.
+QString internedKey(const char *key) {
+    thread_local QHash<QByteArray, QString> keys;
+    const QByteArray bytes(key);
+    auto it = keys.constFind(bytes);
+    if (it != keys.constEnd()) return it.value();
+    const QString s = QString::fromUtf8(bytes);
+    if (keys.size() < 4096) keys.insert(bytes, s);
+    return s;
 }
 
 struct PlistDeleter {
@@ -81,7 +93,7 @@ QVariant toVariant(plist_t node, int depth) {
                 std::free(key);
                 break;
             }
-            map.insert(QString::fromUtf8(key), toVariant(value, depth + 1));
+            map.insert(internedKey(key), toVariant(value, depth + 1));
             std::free(key);
         }
         std::free(it);

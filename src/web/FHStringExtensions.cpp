@@ -1,5 +1,7 @@
 #include "FHStringExtensions.h"
 
+#include <QBuffer>
+#include <QImageReader>
 #include <QMutex>
 #include <QPainter>
 
@@ -70,14 +72,32 @@ QString plainASCIIString(const QString &text) {
 }
 
 QImage imageIconNoLargerThan(const QByteArray &imageData, double maxWidth, double maxHeight) {
-    QImage source;
-    if (!source.loadFromData(imageData) || source.width() < 1 || source.height() < 1) {
+    // Decode at a reduced size where the format allows (JPEG decodes at 1/2 to 1/8 directly):
+    // an icon needs only a few pixels of a large cover.
+    QByteArray bytes = imageData;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::ReadOnly);
+    QImageReader reader(&buffer);
+    const QSize full = reader.size();
+    if (full.width() > 0 && full.height() > 0) {
+        const double fit = std::min(maxWidth / full.width(), maxHeight / full.height());
+        if (fit < 0.25)
+            reader.setScaledSize(
+                QSize(std::max(1, int(full.width() * fit * 4)), std::max(1, int(full.height() * fit * 4))));
+    }
+    QImage source = reader.read();
+    if (source.isNull() || source.width() < 1 || source.height() < 1) {
         source = QImage(QStringLiteral(":/images/unreadable_art.png"));
         if (source.isNull()) return {};
     }
-    const double scale = std::min(maxWidth / source.width(), maxHeight / source.height());
-    int w = int(std::lround(source.width() * scale));
-    int h = int(std::lround(source.height() * scale));
+    // The scale is taken from the picture's own size, whatever size it was decoded at.
+    const QSize original =
+        (full.width() > 0 && full.height() > 0 && reader.error() == QImageReader::UnknownError)
+            ? full
+            : source.size();
+    const double scale = std::min(maxWidth / original.width(), maxHeight / original.height());
+    int w = int(std::lround(original.width() * scale));
+    int h = int(std::lround(original.height() * scale));
     if (w % 2) --w;
     if (h % 2) --h;
     if (w < 1 || h < 1) return {};

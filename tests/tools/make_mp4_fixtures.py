@@ -1,22 +1,12 @@
 #!/usr/bin/python3
-"""Makes a small set of AAC .m4a files tagged the way real programs tag them.
+"""Makes a small set of AAC .m4a files tagged the way real programs tag them: ffmpeg's AAC audio,
+'moov' behind or in front of 'mdat', tagged by AtomicParsley, mutagen, kid3-cli and ffmpeg, and a few
+edited byte by byte (no 'udta', no bit rates in 'esds', one-byte 'esds' descriptor sizes).
 
 usage: /usr/bin/python3 make_mp4_fixtures.py OUTPUT_FOLDER
 
-The audio comes from ffmpeg's own AAC encoder (a few seconds of sine, or a second of noise where a
-high bit rate is wanted), some of it with 'moov' behind 'mdat' (ffmpeg's default) and some with
--movflags +faststart ('moov' first). The tags come from AtomicParsley (with and without padding,
-optimized and not), mutagen, kid3-cli and ffmpeg itself. Three files are edited here, byte by byte,
-for what no tool at hand writes: one without any 'udta' (no metadata at all), one whose 'esds'
-gives no bit rates and one whose 'esds' sizes its descriptors in one byte each.
-
-A tool that is missing is skipped with a line on standard output, and so is a single fixture whose
-tool fails. OUTPUT_FOLDER/manifest.json lists every fixture made ("fixtures": its file name, the tool
-that tagged it, the audio it started from, what it is there to show) and what was left out
-("skipped": what, why, and "failed": true when the tool is there but did not do its job).
-
-Needs Debian's Python with python3-mutagen (call /usr/bin/python3 explicitly) for the mutagen
-fixtures.
+OUTPUT_FOLDER/manifest.json lists "fixtures" (file, tool, audio, about) and "skipped" (what, why,
+failed: true when the tool is there but failed). A missing tool skips its fixtures.
 """
 
 import json
@@ -30,14 +20,12 @@ import tempfile
 TIMEOUT = 60
 
 
-def untagged(path):
-    """The tagging step of a fixture that keeps the encoder's bare output."""
+def untagged(path):  # keeps the encoder's bare output
+    pass
 
 
-# --- a few atom edits -------------------------------------------------------------------------
 
 def top_level_atoms(data):
-    """(name, offset, size) of each top-level atom."""
     atoms, pos = [], 0
     while pos + 8 <= len(data):
         size, name = struct.unpack(">I4s", data[pos:pos + 8])
@@ -53,8 +41,6 @@ def top_level_atoms(data):
 
 
 def without_udta(data):
-    """The file less moov.udta; only for a file whose 'moov' comes after 'mdat', so that no chunk
-    offset moves."""
     atoms = top_level_atoms(data)
     names = [a[0] for a in atoms]
     if names.index(b"moov") < names.index(b"mdat"):
@@ -72,7 +58,6 @@ def without_udta(data):
 
 
 def descriptor(data, pos):
-    """(tag, start of the body, body size) of an MPEG-4 descriptor, its size in 7-bit groups."""
     tag, pos, size = data[pos], pos + 1, 0
     for _ in range(4):
         b = data[pos]
@@ -84,8 +69,6 @@ def descriptor(data, pos):
 
 
 def esds_bit_rates(data):
-    """Offset of the maximum bit rate in the first 'esds' decoder configuration; the average
-    follows it."""
     esds = data.find(b"esds")
     if esds < 0:
         raise ValueError("no esds")
@@ -106,17 +89,12 @@ def esds_bit_rates(data):
 
 
 def without_bit_rates(data):
-    """The file with the maximum and average bit rates of the first 'esds' set to 0, as encoders
-    that do not know them write."""
     out = bytearray(data)
     struct.pack_into(">II", out, esds_bit_rates(data), 0, 0)
     return bytes(out)
 
 
 def compact_descriptors(body, tag):
-    """A descriptor's body with every descriptor inside it re-sized in one byte: the ES descriptor
-    (3) holds its 3 fixed bytes (no optional fields) and then descriptors, the decoder
-    configuration (4) its 13 fixed bytes and then descriptors; others hold none."""
     fixed = {3: 3, 4: 13}.get(tag)
     if fixed is None:
         return body
@@ -134,9 +112,6 @@ def compact_descriptors(body, tag):
 
 
 def with_compact_esds(data):
-    """The file with the descriptors of its 'esds' sized in one byte each, as other muxers write
-    them, instead of ffmpeg's four; the atoms around it are resized. Only for a file whose 'moov'
-    comes after 'mdat', so that no chunk offset moves."""
     atoms = top_level_atoms(data)
     names = [a[0] for a in atoms]
     if names.index(b"moov") < names.index(b"mdat"):
@@ -190,7 +165,6 @@ class FixtureMaker:
         self._audio = {}
         self._pictures = {}
 
-    # --- helpers -------------------------------------------------------------------------
 
     def run(self, args, env=None):
         full_env = dict(os.environ)
@@ -207,7 +181,6 @@ class FixtureMaker:
         return result
 
     def skip(self, what, why, failed=False):
-        """A fixture left out: a missing tool (failed=False) or a tool that did not do its job."""
         print("%s %s: %s" % ("FAILED" if failed else "skipped", what, why))
         self.skipped.append({"what": what, "why": why, "failed": failed})
 
@@ -230,8 +203,6 @@ class FixtureMaker:
     }
 
     def audio(self, kind):
-        """An AAC .m4a of the given kind without any tag values, made once and copied for each
-        fixture. ffmpeg still writes an empty moov.udta.meta.ilst."""
         if kind in self._audio:
             return self._audio[kind]
         source, channels, rate, options, faststart = self.AUDIO[kind]
@@ -243,7 +214,6 @@ class FixtureMaker:
         return path
 
     def picture(self, name):
-        """cover.jpg (64x48 red), back.png (32x32 blue) or band.jpg (40x40 green)."""
         if name in self._pictures:
             return self._pictures[name]
         colour, size = {"cover.jpg": ("red", "64x48"), "back.png": ("blue", "32x32"),
@@ -258,7 +228,6 @@ class FixtureMaker:
             return f.read()
 
     def make(self, name, tool, audio, about, tag):
-        """Copies the audio to OUT/name, lets tag(path) tag it, and records it."""
         path = os.path.join(self.out, name)
         try:
             source = self.audio(audio)
@@ -305,28 +274,23 @@ def atomicparsley_fixtures(m):
         return tag
 
     m.make("ap_all_fields_optimized.m4a", "AtomicParsley", "sine44-128k-end",
-           "every field; --genre Rock gives gnre 18; a UTC date as year; 3 of 12; JPEG and PNG "
-           "artwork; AtomicParsley moves 'moov' in front of 'mdat'; 'esds' maximum 128000, "
-           "average a little less",
+           "every field",
            ap(["--title", "Every Field", "--artist", "Parsley & Sons", "--album", "Atoms",
                "--year", "2004-05-01T07:00:00Z", "--genre", "Rock", "--tracknum", "3/12",
                "--bpm", "120", "--compilation", "true", "--lyrics", LYRICS_EN,
                "--artwork", m.picture("cover.jpg"), "--artwork", m.picture("back.png")]))
     m.make("ap_padded_greek.m4a", "AtomicParsley", "sine44-faststart",
-           "moov first with AtomicParsley's default 2048 bytes of padding; Greek text, a genre "
-           "that is no standard name (text in ©gen), plain year, track without total, PNG artwork",
+           "moov first with AtomicParsley's default 2048 bytes of padding",
            ap(["--title", GREEK_TITLE, "--artist", GREEK_ARTIST, "--album", "Ποτέ την Κυριακή",
                "--year", "1999", "--genre", "Έντεχνο", "--tracknum", "7",
                "--lyrics", LYRICS_JA, "--artwork", m.picture("back.png")]))
     m.make("ap_moov_last_emoji.m4a", "AtomicParsley", "sine22-mono-end",
-           "--preventOptimizing keeps 'moov' behind 'mdat'; no padding; emoji title, gnre 8 "
-           "(Hip-Hop), compilation false, JPEG artwork; mono 22050 Hz",
+           "--preventOptimizing keeps 'moov' behind 'mdat'",
            ap(["--title", "Party 🎉 Time 🎶", "--artist", "Emoji Crew", "--genre", "Hip-Hop",
                "--tracknum", "1/1", "--compilation", "false", "--bpm", "90",
                "--artwork", m.picture("band.jpg"), "--preventOptimizing"], padding="DEFAULT_PAD=0"))
     m.make("ap_freefree.m4a", "AtomicParsley", "sine48-mono-faststart",
-           "--freefree with no default padding: no 'free' atom anywhere; gnre 33 (Classical), "
-           "Japanese text; mono 48000 Hz",
+           "--freefree with no default padding: no 'free' atom anywhere",
            ap(["--freefree", "--title", "春の海", "--artist", "宮城道雄", "--album", "日本の音楽",
                "--year", "1929", "--genre", "Classical", "--tracknum", "2/3"], padding="DEFAULT_PAD=0"))
 
@@ -342,7 +306,6 @@ def mutagen_fixtures(m):
         return
 
     class TagsWithGnre(MP4Tags):
-        """mutagen's tags, able to write the numeric 'gnre' that mutagen itself only reads."""
 
         def _render(self, key, value):
             if key == "gnre":
@@ -362,8 +325,7 @@ def mutagen_fixtures(m):
     png = lambda: m.picture_bytes("back.png")
 
     m.make("mutagen_unicode_two_covers.m4a", "mutagen", "sine44-faststart",
-           "Greek, Japanese and emoji text; track 3 of 0 (no total), tmpo 120, cpil on; a JPEG and "
-           "a PNG cover; lyrics with carriage returns; mutagen's padding after 'ilst'",
+           "Greek, Japanese and emoji text",
            with_mutagen(lambda: {
                "\xa9nam": [GREEK_TITLE + " 🎵"], "\xa9ART": ["宮城道雄"], "\xa9alb": ["Émoji 🎉 Album"],
                "\xa9day": ["1960"], "\xa9gen": ["Soundtrack"], "trkn": [(3, 0)], "tmpo": [120],
@@ -371,22 +333,20 @@ def mutagen_fixtures(m):
                "covr": [MP4Cover(jpeg(), MP4Cover.FORMAT_JPEG), MP4Cover(png(), MP4Cover.FORMAT_PNG)],
            }))
     m.make("mutagen_gnre_no_values.m4a", "mutagen", "sine44-end",
-           "numeric gnre 33; track 0 of 12, tmpo 0 and cpil off give nothing; a date as year; "
-           "a PNG cover stored with data type 0 (as old taggers do); no padding",
+           "numeric gnre 33",
            with_mutagen(lambda: {
                "\xa9nam": ["Zero Values"], "\xa9ART": ["Nobody"], "\xa9day": ["2004-05-01"],
                "gnre": [33], "trkn": [(0, 12)], "tmpo": [0], "cpil": False,
                "covr": [MP4Cover(png(), 0)],
            }, padding=lambda info: 0))
     m.make("mutagen_gnre_over_text.m4a", "mutagen", "sine22-mono-end",
-           "both gnre 18 and a ©gen text: the number wins; no title; a three-character year",
+           "both gnre 18 and a ©gen text: the number wins",
            with_mutagen(lambda: {
                "\xa9ART": ["Two Genres"], "\xa9alb": ["Precedence"], "\xa9day": ["199"],
                "\xa9gen": ["Synthwave"], "gnre": [18], "trkn": [(5, 9)],
            }))
     m.make("mutagen_gnre_zero_reference.m4a", "mutagen", "sine48-mono-faststart",
-           "gnre 0 leaves the ©gen text, which is an ID3-style reference (13); two artists (two "
-           "data atoms); big padding",
+           "gnre 0 leaves the ©gen text, which is an ID3-style reference (13)",
            with_mutagen(lambda: {
                "\xa9nam": ["Reference"], "\xa9ART": ["First Artist", "Second Artist"],
                "\xa9gen": ["(13)"], "gnre": [0], "tmpo": [1], "\xa9lyr": ["One line only"],
@@ -395,13 +355,11 @@ def mutagen_fixtures(m):
            "noise at 64000 Hz: an average bit rate above 320 kbit/s",
            with_mutagen(lambda: {"\xa9nam": ["Loud Noise"], "\xa9ART": ["White"], "\xa9day": ["2020"]}))
     m.make("esds_no_bit_rates.m4a", "mutagen + byte edit", "sine44-end",
-           "tagged by mutagen, then the maximum and average bit rates in 'esds' set to 0: the rate "
-           "comes from the size of 'mdat'",
+           "mutagen, then no bit rates in 'esds'",
            lambda path: (with_mutagen(lambda: {"\xa9nam": ["No Rates"], "\xa9alb": ["Rates"]})(path),
                          edit_bytes(without_bit_rates)(path)))
     m.make("esds_compact_sizes.m4a", "mutagen + byte edit", "sine44-end",
-           "tagged by mutagen, then the descriptors in 'esds' sized in one byte each (the short "
-           "form other muxers write) instead of ffmpeg's four: the rates sit at other offsets",
+           "mutagen, then one-byte 'esds' descriptor sizes",
            lambda path: (with_mutagen(lambda: {"\xa9nam": ["Compact Sizes"], "\xa9ART": ["Descriptors"]})(path),
                          edit_bytes(with_compact_esds)(path)))
 
@@ -422,8 +380,7 @@ def kid3_fixtures(m):
         return tag
 
     m.make("kid3_taglib.m4a", "kid3-cli", "sine44-128k-end",
-           "kid3-cli (TagLib): items in name order, its own padding, genre as ©gen text, "
-           "JPEG cover; 'esds' maximum 128000, average a little less",
+           "kid3-cli (TagLib): items in name order, its own padding, genre as ©gen text, JPEG cover",
            kid3("set title '東京の夜'", "set artist 'Ärzte'", "set album 'Kid Album'", "set date 2016",
                 "set track 4/11", "set genre Rock", "set lyrics 'Tag line one'", "set bpm 99",
                 "set compilation 1", "set picture:'%s' 'Cover'" % m.picture("cover.jpg")))
@@ -462,8 +419,7 @@ def ffmpeg_fixtures(m):
                   ("lyrics", LYRICS_EN), ("compilation", "1"), ("tmpo", "128")],
                  picture="back.png", faststart=True))
     m.make("ffmpeg_96k.m4a", "ffmpeg", "noise96k-faststart",
-           "96000 Hz: the 'mp4a' entry holds 0 for the rate (only the decoder configuration has "
-           "it); above 320 kbit/s",
+           "96000 Hz: the 'mp4a' entry holds 0 for the rate (only the decoder configuration has it)",
            remux([("title", "Ninety-Six"), ("artist", "High Rate")], faststart=True))
     m.make("no_udta.m4a", "ffmpeg + byte edit", "sine44-end",
            "ffmpeg's output with moov.udta taken out: no metadata at all",

@@ -1,31 +1,17 @@
 #!/usr/bin/python3
-"""Prints, as one JSON array, what mutagen reads from the ID3 tags of the given MP3 files.
+"""Prints, as one JSON array (ASCII only), what mutagen reads from the ID3 tags of MP3 files.
 
 usage: /usr/bin/python3 mutagen_dump.py FILE...
 
-For each file an object with:
-  file        the file name, path the path as given
-  v2          null without an ID3v2 tag, else what mutagen reads from the ID3v2 tag alone
-              (loaded with translate=False and load_v1=False, so that ID3v2.3 frames keep their
-              own IDs and nothing comes over from an ID3v1 tag):
-                version        "2.3.0"
-                title, artist, album, track, bpm, compilation
-                               every string of the first TIT2, TPE1, TALB, TRCK, TBPM, TCMP frame,
-                               or null when there is none
-                year           the strings of TDRC, or of TYER when there is no TDRC
-                yearFrame      "TDRC", "TYER" or null
-                genres         null, or {"text": TCON's strings as stored, "expanded":
-                               mutagen's TCON.genres, which resolves numeric references}
-                lyrics         every USLT frame in file order: {"lang", "desc", "text"}
-                pictures       every APIC frame in file order: {"sha1", "mime", "type", "desc",
-                               "size"}
-                encodings      the text encoding byte of each text frame, by frame ID
-  v1          null without an ID3v1 tag at the end of the file, else mutagen's ID3v1 parser's
-              values (the parser the loader falls back to when there is no ID3v2 tag):
-              title, artist, album, year, comment, track, genre (mutagen's text for it) and
-              genreNames (TCON.genres of it), each null when mutagen gives nothing; and "bytes":
-              the 128 bytes of the tag in hex
-  error       present when mutagen could not read the file
+For each file: file, path; version (ID3(path).version as "2.3.0", "1.1.0" for ID3v1 alone, null
+without a tag); error when mutagen could not read the file;
+v2: null without an ID3v2 tag, else the ID3v2 tag alone (translate=False, load_v1=False):
+  version, frameIDs (file order), text and encodings (strings and encoding byte of the first frame
+  of each text frame ID), genres (TCON.genres, numeric references resolved), lyrics (every USLT:
+  lang, desc, text, encoding), pictures (every APIC: sha1, mime, type, desc, size, encoding, data
+  in hex), others (repr() of every frame not decoded above, file order);
+v1: null without an ID3v1 tag, else mutagen's ID3v1 parser's title, artist, album, year, comment,
+  track, genre (text), genreNames (TCON.genres) and bytes (the 128 bytes in hex).
 """
 
 import hashlib
@@ -39,16 +25,11 @@ except ImportError:
     print("mutagen_dump.py: this Python has no mutagen module; use /usr/bin/python3", file=sys.stderr)
     sys.exit(3)
 
-
-def strings(frame):
-    if frame is None:
-        return None
-    return [str(t) for t in frame.text]
+DECODED = {"TIT2", "TPE1", "TALB", "TYER", "TDRC", "TRCK", "TCON", "TBPM", "TCMP", "USLT", "APIC"}
 
 
-def first(tags, frame_id):
-    frames = tags.getall(frame_id)
-    return frames[0] if frames else None
+def version_text(version):
+    return ".".join(str(n) for n in (tuple(version) + (0, 0, 0))[:3])
 
 
 def read_v2(path):
@@ -56,25 +37,21 @@ def read_v2(path):
         tags = id3.ID3(path, translate=False, load_v1=False)
     except id3.ID3NoHeaderError:
         return None
-    out = {"version": "%d.%d.%d" % tags.version}
-    for key, frame_id in (("title", "TIT2"), ("artist", "TPE1"), ("album", "TALB"), ("track", "TRCK"),
-                          ("bpm", "TBPM"), ("compilation", "TCMP")):
-        out[key] = strings(first(tags, frame_id))
-    year = first(tags, "TDRC")
-    out["yearFrame"] = "TDRC" if year is not None else None
-    if year is None:
-        year = first(tags, "TYER")
-        out["yearFrame"] = "TYER" if year is not None else None
-    out["year"] = strings(year)
-    genre = first(tags, "TCON")
-    out["genres"] = None if genre is None else {"text": strings(genre), "expanded": list(genre.genres)}
+    frames = list(tags.values())  # file order
+    out = {"version": version_text(tags.version), "frameIDs": [f.FrameID for f in frames],
+           "text": {}, "encodings": {}, "genres": None}
+    for f in frames:
+        if isinstance(f, id3.TextFrame) and f.FrameID not in out["text"]:
+            out["text"][f.FrameID] = [str(t) for t in f.text]
+            out["encodings"][f.FrameID] = int(f.encoding)
+            if f.FrameID == "TCON":
+                out["genres"] = list(f.genres)
     out["lyrics"] = [{"lang": f.lang, "desc": f.desc, "text": f.text, "encoding": int(f.encoding)}
                      for f in tags.getall("USLT")]
     out["pictures"] = [{"sha1": hashlib.sha1(f.data).hexdigest(), "mime": f.mime, "type": int(f.type),
                         "desc": f.desc, "size": len(f.data), "encoding": int(f.encoding),
                         "data": f.data.hex()} for f in tags.getall("APIC")]
-    out["encodings"] = {f.FrameID: int(f.encoding) for f in tags.values()
-                        if isinstance(f, id3.TextFrame) and hasattr(f, "encoding")}
+    out["others"] = [repr(f) for f in frames if f.FrameID not in DECODED]
     return out
 
 
@@ -102,6 +79,10 @@ def read_v1(path):
 def dump(path):
     entry = {"file": os.path.basename(path), "path": path}
     try:
+        try:
+            entry["version"] = version_text(id3.ID3(path).version)
+        except id3.ID3NoHeaderError:
+            entry["version"] = None
         entry["v2"] = read_v2(path)
         entry["v1"] = read_v1(path)
     except Exception as e:  # a file mutagen cannot read is reported, not fatal
@@ -113,7 +94,8 @@ def main():
     if len(sys.argv) < 2:
         print(__doc__.strip(), file=sys.stderr)
         return 2
-    json.dump([dump(p) for p in sys.argv[1:]], sys.stdout, ensure_ascii=False, indent=1)
+    # ASCII only: a U+FEFF in a value must reach the reader as an escape, not as raw bytes.
+    json.dump([dump(p) for p in sys.argv[1:]], sys.stdout, ensure_ascii=True, indent=1)
     sys.stdout.write("\n")
     return 0
 
