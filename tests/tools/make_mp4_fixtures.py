@@ -15,13 +15,13 @@ import shutil
 import struct
 import subprocess
 import sys
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from fixture_maker import FixtureMakerBase, untagged  # noqa: E402
 import tempfile
 
-TIMEOUT = 60
 
 
-def untagged(path):  # keeps the encoder's bare output
-    pass
 
 
 
@@ -156,36 +156,11 @@ def edit_bytes(edit):
     return tag
 
 
-class FixtureMaker:
+class FixtureMaker(FixtureMakerBase):
+    CLEARED_ENV = ("AP_PADDING",)
+
     def __init__(self, out):
-        self.out = out
-        self.work = tempfile.mkdtemp(prefix="qw-mp4-fixture-work-")
-        self.fixtures = []
-        self.skipped = []
-        self._audio = {}
-        self._pictures = {}
-
-
-    def run(self, args, env=None):
-        full_env = dict(os.environ)
-        full_env.update({"LC_ALL": "C.UTF-8", "LANG": "C.UTF-8"})
-        full_env.pop("AP_PADDING", None)
-        if env:
-            full_env.update(env)
-        result = subprocess.run(args, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, timeout=TIMEOUT, env=full_env)
-        if result.returncode != 0:
-            raise RuntimeError("%s exited with %d: %s" % (
-                os.fsdecode(args[0]), result.returncode,
-                (result.stderr + result.stdout).decode("utf-8", "replace").strip()[-300:]))
-        return result
-
-    def skip(self, what, why, failed=False):
-        print("%s %s: %s" % ("FAILED" if failed else "skipped", what, why))
-        self.skipped.append({"what": what, "why": why, "failed": failed})
-
-    def ffmpeg(self, args):
-        self.run(["ffmpeg", "-hide_banner", "-loglevel", "error", "-y"] + args)
+        super().__init__(out, "qw-mp4-fixture-work-")
 
     AUDIO = {
         # kind: (lavfi source, channels, sample rate, rate options, moov first)
@@ -212,43 +187,6 @@ class FixtureMaker:
                     + (["-movflags", "+faststart"] if faststart else []) + [path])
         self._audio[kind] = path
         return path
-
-    def picture(self, name):
-        if name in self._pictures:
-            return self._pictures[name]
-        colour, size = {"cover.jpg": ("red", "64x48"), "back.png": ("blue", "32x32"),
-                        "band.jpg": ("green", "40x40")}[name]
-        path = os.path.join(self.work, name)
-        self.ffmpeg(["-f", "lavfi", "-i", "color=%s:s=%s" % (colour, size), "-frames:v", "1", path])
-        self._pictures[name] = path
-        return path
-
-    def picture_bytes(self, name):
-        with open(self.picture(name), "rb") as f:
-            return f.read()
-
-    def make(self, name, tool, audio, about, tag):
-        path = os.path.join(self.out, name)
-        try:
-            source = self.audio(audio)
-            shutil.copyfile(source, path)
-            tag(path)
-            # Some tools print their usage and exit with 0 on an option they do not know.
-            if tag is not untagged and open(path, "rb").read() == open(source, "rb").read():
-                raise RuntimeError("the tool left the file unchanged")
-        except Exception as e:  # one fixture failing must not stop the others
-            if os.path.exists(path):
-                os.remove(path)
-            self.skip(name, str(e), failed=True)
-            return
-        self.fixtures.append({"file": name, "tool": tool, "audio": audio, "about": about})
-
-    def finish(self):
-        manifest = {"fixtures": self.fixtures, "skipped": self.skipped}
-        with open(os.path.join(self.out, "manifest.json"), "w", encoding="utf-8") as f:
-            json.dump(manifest, f, ensure_ascii=False, indent=1)
-        shutil.rmtree(self.work, ignore_errors=True)
-        print("made %d fixtures in %s" % (len(self.fixtures), self.out))
 
 
 LYRICS_EN = "First line of the song\nSecond line, with a comma\n"
