@@ -27,6 +27,8 @@
 #include "model/AudioInfoTag.h"
 #include "model/SongFile.h"
 
+#include "ReadBenchSupport.h"
+
 #include <benchmark/benchmark.h>
 
 #include <taglib/attachedpictureframe.h>
@@ -54,41 +56,7 @@
 
 namespace {
 
-struct FileSet {
-    std::string name;
-    std::vector<std::string> paths; // native, for TagLib
-    std::vector<QString> qtPaths;   // the same, as the program holds them
-};
-
-// What a pass found, summed over the files.
-struct Tally {
-    long long pictures = 0;
-    long long titles = 0;
-    long long failures = 0;
-};
-
-// Bytes this process made the kernel read from storage so far (/proc/self/io).
-long long storageBytesRead() {
-    std::ifstream io("/proc/self/io");
-    std::string key;
-    long long value = 0;
-    while (io >> key >> value) {
-        if (key == "read_bytes:") return value;
-    }
-    return -1;
-}
-
-void report(benchmark::State &state, const FileSet &set, const Tally &tally, long long diskBefore) {
-    const auto passes = static_cast<double>(std::max<benchmark::IterationCount>(state.iterations(), 1));
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(set.paths.size()));
-    state.counters["files"] = static_cast<double>(set.paths.size());
-    state.counters["pictures"] = static_cast<double>(tally.pictures) / passes;
-    state.counters["titles"] = static_cast<double>(tally.titles) / passes;
-    if (tally.failures) state.counters["failed"] = static_cast<double>(tally.failures) / passes;
-    const long long diskAfter = storageBytesRead();
-    if (diskBefore >= 0 && diskAfter >= 0)
-        state.counters["disk_MB"] = static_cast<double>(diskAfter - diskBefore) / 1e6 / passes;
-}
+using namespace ReadBench;
 
 // The fields every reader is asked for, through the program's tag interface.
 template <typename Tag> void readFields(const Tag &tag, Tally &tally) {
@@ -110,48 +78,13 @@ template <typename Tag> void readFields(const Tag &tag, Tally &tally) {
 }
 
 void oursReader(benchmark::State &state, const FileSet *set) {
-    Tally tally;
-    const long long disk = storageBytesRead();
-    for (auto _ : state) {
-        for (const QString &path : set->qtPaths) {
-            MP3InfoTag tag;
-            if (!tag.initWithPath(path)) {
-                ++tally.failures;
-                continue;
-            }
-            readFields(tag, tally);
-        }
-    }
-    report(state, *set, tally, disk);
+    runReader<MP3InfoTag>(state, *set, readFields<MP3InfoTag>);
 }
-
 void oursFactory(benchmark::State &state, const FileSet *set) {
-    Tally tally;
-    const long long disk = storageBytesRead();
-    for (auto _ : state) {
-        for (const QString &path : set->qtPaths) {
-            const std::shared_ptr<AudioInfoTag> tag = AudioInfoTag::tagWithPath(path);
-            if (!tag) {
-                ++tally.failures;
-                continue;
-            }
-            readFields(*tag, tally);
-        }
-    }
-    report(state, *set, tally, disk);
+    runFactory(state, *set, readFields<AudioInfoTag>);
 }
-
 void oursSniff(benchmark::State &state, const FileSet *set) {
-    Tally tally;
-    const long long disk = storageBytesRead();
-    for (auto _ : state) {
-        for (const QString &path : set->qtPaths) {
-            const int type = SongFile::songDataTypeAtPath(path);
-            benchmark::DoNotOptimize(type);
-            if (type != SongFile::TypeMP3) ++tally.failures;
-        }
-    }
-    report(state, *set, tally, disk);
+    runSniff(state, *set, SongFile::TypeMP3);
 }
 
 void taglibReader(benchmark::State &state, const FileSet *set) {
@@ -183,16 +116,6 @@ void taglibReader(benchmark::State &state, const FileSet *set) {
         }
     }
     report(state, *set, tally, disk);
-}
-
-FileSet makeSet(std::string name, const std::vector<std::string> &paths) {
-    FileSet set;
-    set.name = std::move(name);
-    set.paths = paths;
-    set.qtPaths.reserve(paths.size());
-    for (const std::string &p : set.paths)
-        set.qtPaths.push_back(QString::fromLocal8Bit(p));
-    return set;
 }
 
 // The corpus's own list of the files with a picture: the "pictures" column of manifest.tsv.

@@ -1,39 +1,22 @@
 // Feeds arbitrary bytes to the MP3 tag reader and the content sniffer, as a file on disk:
 // nothing may crash, hang or read out of bounds.
-#include "common/Log.h"
+#include "FuzzScratch.h"
 #include "id3/MP3InfoTag.h"
 #include "model/SongFile.h"
 
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
 
 #include <cstdint>
-#include <unistd.h>
-
-namespace {
-QString scratchPath() {
-    static const QString path = QDir::tempPath() + QStringLiteral("/qw-fuzz-%1.mp3").arg(::getpid());
-    return path;
-}
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    Log::setConsoleEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    QFile file(scratchPath());
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) return 0;
-    file.write(reinterpret_cast<const char *>(data), qint64(size));
-    file.close();
+    const QString scratch = writeScratchFile(data, size, ".mp3");
+    if (scratch.isEmpty()) return 0;
 
     for (bool discard : {false, true}) {
         AudioInfoTag::setShouldDiscardMalformedInfo(discard);
         AudioInfoTag::setShouldDiscardUnrecognizedInfo(discard);
         MP3InfoTag tag;
-        if (tag.initWithPath(scratchPath())) {
+        if (tag.initWithPath(scratch)) {
             // Touch every getter and the ID3v1 writer's view of the values.
             (void)tag.title();
             (void)tag.artist();
@@ -57,6 +40,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             (void)tag.dataForID3v22();
         }
     }
-    (void)SongFile::songDataTypeAtPath(scratchPath());
+    (void)SongFile::songDataTypeAtPath(scratch);
     return 0;
 }

@@ -1,36 +1,18 @@
 // Feeds arbitrary bytes to the MP4 atom tree and the AAC tag reader, as a file on disk, and
 // edits and flattens the tree the way a save does (without saving): nothing may crash.
+#include "FuzzScratch.h"
 #include "common/FormatError.h"
-#include "common/Log.h"
 #include "mp4/AACInfoTag.h"
 #include "mp4/Atom.h"
 
-#include <QDir>
-#include <QFile>
-
 #include <cstdint>
-#include <unistd.h>
-
-namespace {
-QString scratchPath() {
-    static const QString path = QDir::tempPath() + QStringLiteral("/qw-fuzz-%1.m4a").arg(::getpid());
-    return path;
-}
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    Log::setConsoleEnabled(false);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    QFile file(scratchPath());
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) return 0;
-    file.write(reinterpret_cast<const char *>(data), qint64(size));
-    file.close();
+    const QString scratch = writeScratchFile(data, size, ".m4a");
+    if (scratch.isEmpty()) return 0;
 
     AACInfoTag tag;
-    if (tag.initWithPath(scratchPath())) {
+    if (tag.initWithPath(scratch)) {
         (void)tag.title();
         (void)tag.year();
         (void)tag.track();
@@ -40,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             (void)image.mimeFormat();
     }
 
-    auto reader = std::make_shared<FileReader>(scratchPath());
+    auto reader = std::make_shared<FileReader>(scratch);
     try {
         std::unique_ptr<Atom> root = Atom::atomContainerFromFile(reader);
         (void)root->description();
